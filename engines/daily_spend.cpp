@@ -1,0 +1,300 @@
+#include <new>
+
+#include "daily_spend_steps.hpp"
+#include "objects.hpp"
+#include "reply.hpp"
+#include "types.hpp"
+#include "waiting.hpp"
+
+namespace decision_bounds::python {
+
+int DailySpendObject::traverse(visitproc visit, void* arg) const {
+  Py_VISIT(today);
+  Py_VISIT(ledger);
+  Py_VISIT(held);
+  return python::visit(changed, visit, arg);
+}
+
+void DailySpendObject::clear() noexcept {
+  python::clear(today);
+  python::clear(ledger);
+  python::clear(held);
+  python::clear(changed);
+}
+
+namespace {
+
+/// The Python objects of one admission, for a _wait that was put in the module's place.
+struct Waiting {
+  PyObject *deadline, *clock, *stopping;
+};
+
+/// One operation on a DailySpend. Steps that Python code may have overridden go by name.
+class HostSpend final : public internal::DailySpendSteps {
+ public:
+  HostSpend(State& state, DailySpendObject& self, Locking locking = Locking::may_fail)
+      : DailySpendSteps(self.account, held_, condition_),
+        state_(state),
+        self_(self),
+        untouched_(untouched(&self, state.daily_spend)),
+        condition_(state, object(), self.changed, locking),
+        held_(state, object(), self.held, "_held"),
+        logger_(state) {}
+
+  std::string today() override {
+    const Owned today = Owned::copy(set_or_raise(self_.today, object(), "_today"));
+    return as_string(call(today.get()).get(), "today()");
+  }
+
+  [[nodiscard]] bool has_ledger() const override {
+    return set_or_raise(self_.ledger, object(), "_ledger") != Py_None;
+  }
+
+  double ask_ledger(const std::string& day) override {
+    const Owned ledger = Owned::copy(self_.ledger);
+    const Owned date = to_python(day);
+    const Owned answer = call(ledger.get(), date.get());
+    return PyFloat_AS_DOUBLE(checked([&] { return PyNumber_Float(answer.get()); }).get());
+  }
+
+  Logger& logger() override { return logger_; }
+
+  double today_locked() override {
+    if (untouched_) return DailySpendSteps::today_locked();
+    return as_double(call_method(object(), state_.name(Name::_today_locked)).get(),
+                     "_today_locked()");
+  }
+
+  double spent_since(const std::string& day) override {
+    if (untouched_) return DailySpendSteps::spent_since(day);
+    const Owned date = to_python(day);
+    return as_double(call_method(object(), state_.name(Name::_spent_since), date.get()).get(),
+                     "_spent_since()");
+  }
+
+  void wait(std::optional<double> deadline, const Clock& clock,
+            const StopSignal& stopping) override {
+    const Owned wait = global(state_, Name::_wait, state_.wait);
+    if (wait.get() == state_.wait) {
+      internal::wait_for_room(condition_, stopping, deadline, clock, poll_seconds(state_));
+      return;
+    }
+    const Owned keywords = checked(
+        [this] { return PyTuple_Pack(2, state_.name(Name::deadline), state_.name(Name::clock)); });
+    PyObject* all[] = {condition_.object(), waiting_.stopping, waiting_.deadline, waiting_.clock};
+    checked([&] { return PyObject_Vectorcall(wait.get(), all, 2, keywords.get()); });
+  }
+
+  double admit(const CostBound& bound, const Waiting& waiting) {
+    waiting_ = waiting;
+    const std::optional<double> deadline = as_deadline(waiting.deadline);
+    return DailySpendSteps::admit(
+        bound, deadline,
+        [clock = waiting.clock] { return as_double(call(clock).get(), "clock()"); },
+        [stopping = waiting.stopping] { return truth(call(stopping)); });
+  }
+
+  [[nodiscard]] bool is_untouched() const noexcept { return untouched_; }
+  void finish() const { condition_.finish(); }
+
+ private:
+  [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
+
+  State& state_;
+  DailySpendObject& self_;
+  bool untouched_;
+  HostCondition condition_;
+  HostHeld held_;
+  HostLogger logger_;
+  Waiting waiting_{};
+};
+
+PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+  PyObject* self = type->tp_alloc(type, 0);
+  if (self != nullptr)
+    new (&reinterpret_cast<DailySpendObject*>(self)->account) internal::DailyAccount();
+  return self;
+}
+
+void dealloc(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  std::destroy_at(&reinterpret_cast<DailySpendObject*>(self)->account);
+  dealloc_slot<DailySpendObject>(self);
+}
+
+void init(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<3> parameters{"DailySpend", {Name::cap, Name::today, Name::ledger}};
+  const auto [cap_value, today_value, ledger_value] = sorted(state, parameters, arguments);
+  const double cap = as_double(cap_value, "cap");
+  Owned today = Owned::copy(as_callable(today_value, "today"));
+  Owned ledger =
+      Owned::copy(ledger_value == Py_None ? Py_None : as_callable(ledger_value, "ledger"));
+  Owned held = call(reinterpret_cast<PyObject*>(state.held.type));
+  Owned changed = call(reinterpret_cast<PyObject*>(state.condition.type));
+  self.account = {.cap = cap, .day = {}};
+  Owned::steal(std::exchange(self.today, today.release()));
+  Owned::steal(std::exchange(self.ledger, ledger.release()));
+  Owned::steal(std::exchange(self.held, held.release()));
+  Owned::steal(std::exchange(self.changed.object, changed.release()));
+}
+
+Owned spent(State& state, DailySpendObject& self, const Arguments& arguments) {
+  sorted(state, Parameters<0>{"spent", {}}, arguments);
+  return to_python(HostSpend(state, self).spent());
+}
+
+Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<4> parameters{
+      "admit", {Name::bound, Name::deadline, Name::clock, Name::stopping}, 1};
+  const auto [bound, deadline, clock, stopping] = sorted(state, parameters, arguments);
+  as_callable(bound, "bound");
+  as_callable(clock, "clock");
+  as_callable(stopping, "stopping");
+  Owned share = new_share(state);
+  Owned held;  // what bound() last said: nothing is left to allocate once it is held
+  const auto ask = [&held, callable = bound] {
+    held = as_float(call(callable).get(), "bound()");
+    return PyFloat_AS_DOUBLE(held.get());
+  };
+  HostSpend(state, self).admit(ask, {deadline, clock, stopping});
+  arm(share, Action::daily_spend, reinterpret_cast<PyObject*>(&self), std::move(held));
+  return share;
+}
+
+Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"charge", {Name::reply}};
+  PyObject* reply = as_reply(sorted(state, parameters, arguments)[0], "reply");
+  HostSpend(state, self).charge(HostReply(state, reply));
+  return none();
+}
+
+void give_back_here(State& state, DailySpendObject& self, double held, PyObject* reply) {
+  HostSpend spend(state, self, Locking::must_go_on);
+  const HostReply paid(state, reply);
+  spend.give_back(held, reply == Py_None ? nullptr : &paid);
+  spend.finish();
+}
+
+Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<2> parameters{"_give_back", {Name::held, Name::reply}};
+  const auto [held, reply] = sorted(state, parameters, arguments);
+  give_back_here(state, self, as_double(held, "held"), reply);
+  return none();
+}
+
+Owned today_locked(State& state, DailySpendObject& self,
+                   const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
+  sorted(state, Parameters<0>{"_today_locked", {}}, arguments);
+  return to_python(HostSpend(state, self).DailySpendSteps::today_locked());
+}
+
+Owned spent_since(State& state, DailySpendObject& self,
+                  const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
+  constexpr Parameters<1> parameters{"_spent_since", {Name::day}};
+  const std::string day = as_string(sorted(state, parameters, arguments)[0], "day");
+  return to_python(HostSpend(state, self).DailySpendSteps::spent_since(day));
+}
+
+std::string& day_of(PyObject* self) {
+  return reinterpret_cast<DailySpendObject*>(self)->account.day;
+}
+
+PyObject* get_day(PyObject* self, void*) {
+  return guarded<PyObject*>(nullptr, nullptr, [=] { return to_python(day_of(self)).release(); });
+}
+
+int set_day(PyObject* self, PyObject* value, void*) {
+  return guarded<int>(nullptr, -1, [=] {
+    require_value(value, "_day");
+    day_of(self) = as_string(value, "_day");
+    return 0;
+  });
+}
+
+}  // namespace
+
+void give_back_dollars(State& state, PyObject* object, PyObject* held, PyObject* reply) {
+  auto& self = *reinterpret_cast<DailySpendObject*>(object);
+  if (untouched(&self, state.daily_spend)) {
+    give_back_here(state, self, PyFloat_AS_DOUBLE(held), reply);
+  } else {
+    call_method(object, state.name(Name::_give_back), held, reply);
+  }
+}
+
+PyTypeObject* make_daily_spend_type(PyObject* module) {
+  using Object = DailySpendObject;
+  static Field cap{"_cap", offsetof(Object, account.cap)};
+  static Field today{"_today", offsetof(Object, today), check_callable};
+  static Field ledger{"_ledger", offsetof(Object, ledger), check_callable_or_none};
+  static Field changed{"_changed", offsetof(Object, changed.object)};
+  static Field held{"_held", offsetof(Object, held)};
+  static Field cost{"_cost", offsetof(Object, account.cost)};
+  static Field capped{"_capped", offsetof(Object, account.capped)};
+  static PyGetSetDef attributes[] = {
+      double_field(cap),    object_field(today),
+      object_field(ledger), object_field(changed),
+      object_field(held),   {"_day", get_day, set_day, nullptr, nullptr},
+      double_field(cost),   bool_field(capped),
+      dict_attribute(),     {}};
+  static PyMethodDef methods[] = {
+      method<spent>("spent",
+                    "spent($self)\n--\n\n"
+                    "What the paid calls of today (UTC) cost so far, in US dollars. Begins a new\n"
+                    "day from the ledger when today() names another date; passes out what today()\n"
+                    "raises."),
+      method<admit>(
+          "admit",
+          "admit($self, bound, *, deadline, clock, stopping)\n--\n\n"
+          "Admits one paid call and returns its Share of today's cap.\n\n"
+          "bound: a function that gives the most that the call may cost, in US dollars;\n"
+          "infinity when that is not known (such a call runs alone). Asked again after\n"
+          "each wait. deadline: when the call ends, on the scale of clock (a monotonic\n"
+          "clock in seconds), or None. stopping: whether the call's pass is stopping.\n\n"
+          "Blocks while the calls in flight hold the rest of the cap. Raises\n"
+          "DecisionBudgetExceeded when the settled calls of today cost the cap (the day's\n"
+          "first refusal is logged), DecisionTimeout when the deadline passes,\n"
+          "DecisionStopped when the pass stops (seen within 0.1 s), and whatever the\n"
+          "functions raise; then nothing is held. The functions are called with the lock\n"
+          "held: they may use this account, and must not wait for another thread that\n"
+          "does."),
+      method<charge>(
+          "charge",
+          "charge($self, reply)\n--\n\n"
+          "Counts, in US dollars, an attempt that no share stands for: sent, and billed\n"
+          "perhaps, but its reply was never read. Wakes every waiting call."),
+      method<give_back>(
+          "_give_back",
+          "_give_back($self, held, reply)\n--\n\n"
+          "Ends a call that was admitted with held US dollars: counts reply, unless it\n"
+          "is None, on the day that it settles, returns held, and wakes every waiting\n"
+          "call. held returns even when today() or reply.cost raises; that passes\n"
+          "out."),
+      method<today_locked>("_today_locked",
+                           "_today_locked($self)\n--\n\n"
+                           "spent() for a caller that holds the lock of _changed."),
+      method<spent_since>(
+          "_spent_since",
+          "_spent_since($self, day)\n--\n\n"
+          "What the ledger says that the calls since day (\"YYYY-MM-DD\", UTC) cost,\n"
+          "in US dollars; 0.0 without a ledger or, with a warning, when it fails."),
+      {}};
+  return make_type<Object>(
+      module,
+      {.name = "decision_bounds.DailySpend",
+       .doc = "DailySpend(cap, today, ledger)\n--\n\n"
+              "The daily cost cap: what the paid calls of one UTC day cost, and what the calls in\n"
+              "flight hold of the cap. A call counts on the day on which it settles.\n\n"
+              "cap: US dollars that the paid calls of one day may cost. today: a function that\n"
+              "gives today's UTC date as \"YYYY-MM-DD\". ledger: a function that gives what the\n"
+              "paid calls since such a date cost, in US dollars, asked once a day; or None. Both\n"
+              "are called with the lock held and must not wait for another thread that uses this\n"
+              "account. Any thread may call any operation.",
+       .methods = methods,
+       .attributes = attributes,
+       .init = init_slot<Object, init>,
+       .create = create},
+      dealloc);
+}
+
+}  // namespace decision_bounds::python

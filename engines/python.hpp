@@ -1,0 +1,160 @@
+#pragma once
+
+// The few things that the module needs of the C API, in C++ terms: owned references, errors as
+// exceptions, and calls into Python that survive the end of the interpreter.
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+#include <cxxabi.h>
+
+#include <concepts>
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace decision_bounds::python {
+
+/// Stops this thread for good. An interpreter that finalises ends each thread that wants its lock
+/// back by unwinding it, which would run C++ destructors on a thread that must not touch Python any
+/// more. The thread is parked instead, as later interpreters do it themselves; it ends with the
+/// process.
+[[noreturn]] void park_dying_thread() noexcept;
+
+/// Runs `call`, which may run Python code. Every such call goes through here, so that no frame of
+/// the module is ever unwound on a dying thread.
+template <class Call>
+auto entering(Call call) -> decltype(call()) {
+  try {
+    return call();
+  } catch (abi::__forced_unwind&) {
+    park_dying_thread();
+  }
+}
+
+/// Lets a reference go; null is fine. The last one may run Python code.
+inline void drop(PyObject* object) noexcept {
+  entering([object] { Py_XDECREF(object); });
+}
+
+/// Detaches a field before its reference goes, so that Python code run by that sees it empty.
+inline void clear(PyObject*& field) noexcept { drop(std::exchange(field, nullptr)); }
+
+/// An owned reference, or null. A plain PyObject* is always borrowed.
+class Owned {
+ public:
+  Owned() = default;
+  /// Takes over a reference that the caller owns.
+  static Owned steal(PyObject* object) noexcept { return Owned(object); }
+  /// A new reference to a borrowed object.
+  static Owned copy(PyObject* object) noexcept {
+    Py_XINCREF(object);
+    return Owned(object);
+  }
+  Owned(Owned&& other) noexcept : object_(other.release()) {}
+  Owned& operator=(Owned&& other) noexcept {
+    drop(std::exchange(object_, other.release()));
+    return *this;
+  }
+  Owned(const Owned&) = delete;  // copy() says so where a reference is added
+  Owned& operator=(const Owned&) = delete;
+  ~Owned() { drop(object_); }
+
+  [[nodiscard]] PyObject* get() const noexcept { return object_; }
+  [[nodiscard]] PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+  explicit operator bool() const noexcept { return object_ != nullptr; }
+
+ private:
+  explicit Owned(PyObject* object) noexcept : object_(object) {}
+
+  PyObject* object_ = nullptr;
+};
+
+inline Owned none() noexcept { return Owned::copy(Py_None); }
+
+/// A Python error on its way through C++, taken out of the interpreter's error indicator: code that
+/// runs while it passes may call Python freely.
+class Raised {
+ public:
+  /// Takes the indicator's error.
+  Raised() noexcept;
+  /// Puts the error back into the indicator.
+  void restore() noexcept;
+  [[nodiscard]] PyObject* value() const noexcept { return value_.get(); }
+
+ private:
+  Owned type_, value_, traceback_;
+};
+
+/// An instance of Exception.
+class RaisedError final : public Raised, public std::exception {};
+/// Any other: an interrupt or a request to exit. No std::exception, so nothing absorbs it.
+class RaisedInterrupt final : public Raised {};
+
+/// Throws the indicator's error as a RaisedError or a RaisedInterrupt.
+[[noreturn]] void throw_raised();
+/// Sets and throws a Python error; `format` as for PyErr_Format.
+[[noreturn]] void raise(PyObject* type, const char* format, ...);
+
+/// The owned result of a C API function that returns null on error.
+template <std::invocable Call>
+Owned checked(Call call) {
+  PyObject* result = entering(call);
+  if (result == nullptr) throw_raised();
+  return Owned::steal(result);
+}
+
+/// The result of a C API function that returns a negative number on error.
+template <std::invocable Call>
+auto checked_count(Call call) {
+  const auto result = entering(call);
+  if (result < 0) throw_raised();
+  return result;
+}
+
+inline bool truth(const Owned& object) {
+  if (object.get() == Py_True) return true;
+  if (object.get() == Py_False) return false;
+  return checked_count([&] { return PyObject_IsTrue(object.get()); }) != 0;
+}
+
+inline Owned get(PyObject* object, PyObject* name) {
+  return checked([=] { return PyObject_GetAttr(object, name); });
+}
+
+template <std::same_as<PyObject*>... Arguments>
+Owned call(PyObject* callable, Arguments... arguments) {
+  PyObject* all[] = {nullptr, arguments...};  // the first place is the callee's to use
+  return checked([&] {
+    return PyObject_Vectorcall(callable, all + 1,
+                               sizeof...(arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+  });
+}
+
+template <std::same_as<PyObject*>... Arguments>
+Owned call_method(PyObject* object, PyObject* name, Arguments... arguments) {
+  PyObject* all[] = {nullptr, object, arguments...};
+  return checked([&] {
+    return PyObject_VectorcallMethod(
+        name, all + 1, (1 + sizeof...(arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
+  });
+}
+
+Owned to_python(double value);
+Owned to_python(std::int64_t value);
+Owned to_python(const std::string& value);
+
+/// `value` as a float object; the very object where it is one already.
+Owned as_float(PyObject* value, const char* what);
+/// None: no deadline.
+std::optional<double> as_deadline(PyObject* value);
+
+/// These read a value that the host gave; `what` names it in the error.
+double as_double(PyObject* value, const char* what);
+std::int64_t as_int64(PyObject* value, const char* what);
+std::string as_string(PyObject* value, const char* what);
+/// Returns `value`, or raises TypeError unless it can be called.
+PyObject* as_callable(PyObject* value, const char* what);
+
+}  // namespace decision_bounds::python

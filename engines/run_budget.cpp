@@ -1,0 +1,300 @@
+#include "objects.hpp"
+#include "reply.hpp"
+#include "run_budget_steps.hpp"
+#include "types.hpp"
+#include "waiting.hpp"
+
+namespace decision_bounds::python {
+
+int RunBudgetObject::traverse(visitproc visit, void* arg) const {
+  Py_VISIT(should_stop);
+  Py_VISIT(held_tokens);
+  return python::visit(changed, visit, arg);
+}
+
+void RunBudgetObject::clear() noexcept {
+  python::clear(should_stop);
+  python::clear(held_tokens);
+  python::clear(changed);
+}
+
+namespace {
+
+bool should_stop(const State& state, const RunBudgetObject& self) {
+  auto* object = const_cast<PyObject*>(reinterpret_cast<const PyObject*>(&self));
+  if (set_or_raise(self.should_stop, object, "should_stop") == state.never) return false;
+  const Owned signal = Owned::copy(self.should_stop);  // it may replace itself
+  return truth(call(signal.get()));
+}
+
+Owned as_dict(const State& state, const RunCounts& counts) {
+  const RunSummary summary = summary_of(counts);
+  Owned dict = checked([] { return PyDict_New(); });
+  for (std::size_t i = 0; i < summary.size(); ++i) {
+    const Owned value = std::visit([](auto number) { return to_python(number); }, summary[i].value);
+    checked_count([&] { return PyDict_SetItem(dict.get(), state.summary_keys[i], value.get()); });
+  }
+  return dict;
+}
+
+/// One operation on a RunBudget. Steps that Python code may have overridden go by name.
+class HostBudget final : public internal::RunBudgetSteps {
+ public:
+  HostBudget(State& state, RunBudgetObject& self, Locking locking = Locking::may_fail)
+      : RunBudgetSteps(self.counts, held_, condition_),
+        state_(state),
+        self_(self),
+        untouched_(untouched(&self, state.run_budget)),
+        condition_(state, object(), self.changed, locking),
+        held_(state, object(), self.held_tokens, "_held_tokens") {}
+
+  bool stopping() override {
+    if (untouched_) return should_stop(state_, self_);
+    return truth(call_method(object(), state_.name(Name::stopping)));
+  }
+
+  bool exhausted_locked() override {
+    if (untouched_) return RunBudgetSteps::exhausted_locked();
+    return truth(call_method(object(), state_.name(Name::_exhausted_locked)));
+  }
+
+  std::string printed_summary_locked() override {
+    if (untouched_) return RunBudgetSteps::printed_summary_locked();
+    const Owned summary = call_method(object(), state_.name(Name::_summary_locked));
+    return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
+  }
+
+  void wait() override {
+    const Owned wait = global(state_, Name::_wait, state_.wait);
+    if (wait.get() == state_.wait) {
+      internal::wait_for_room(
+          condition_, [this] { return stopping(); }, std::nullopt, nullptr, poll_seconds(state_));
+    } else {
+      const Owned signal = get(object(), state_.name(Name::stopping));
+      call(wait.get(), condition_.object(), signal.get());
+    }
+  }
+
+  Owned summary() {
+    return locked([this] {
+      if (untouched_) return as_dict(state_, self_.counts);
+      return call_method(object(), state_.name(Name::_summary_locked));
+    });
+  }
+
+  [[nodiscard]] bool is_untouched() const noexcept { return untouched_; }
+  void finish() const { condition_.finish(); }
+
+ private:
+  [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
+
+  State& state_;
+  RunBudgetObject& self_;
+  bool untouched_;
+  HostCondition condition_;
+  HostHeld held_;
+};
+
+constexpr Name fields[] = {
+    Name::max_calls,  Name::max_tokens, Name::calls,       Name::input_tokens, Name::cost,
+    Name::cache_hits, Name::in_flight,  Name::should_stop, Name::_held_tokens, Name::_changed};
+
+RunCounts as_counts(std::span<PyObject* const> values) {
+  const auto count = [&](std::size_t i, const char* name) -> std::int64_t {
+    return values[i] != nullptr ? as_int64(values[i], name) : 0;
+  };
+  return {.max_calls = count(0, "max_calls"),
+          .max_tokens = count(1, "max_tokens"),
+          .calls = count(2, "calls"),
+          .input_tokens = count(3, "input_tokens"),
+          .cost = values[4] != nullptr ? as_double(values[4], "cost") : 0.0,
+          .cache_hits = count(5, "cache_hits"),
+          .in_flight = count(6, "in_flight")};
+}
+
+void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  Parameters<10> parameters{"RunBudget", {}, 10, 2};
+  std::copy(std::begin(fields), std::end(fields), parameters.names.begin());
+  const auto values = sorted(state, parameters, arguments);
+  const RunCounts counts = as_counts(values);
+  const auto or_new = [](PyObject* value, PyObject* factory) {
+    return value != nullptr ? Owned::copy(value) : call(factory);
+  };
+  Owned should_stop =
+      Owned::copy(values[7] != nullptr ? as_callable(values[7], "should_stop") : state.never);
+  Owned held = or_new(values[8], reinterpret_cast<PyObject*>(state.held.type));
+  Owned changed = or_new(values[9], reinterpret_cast<PyObject*>(state.condition.type));
+  self.counts = counts;
+  Owned::steal(std::exchange(self.should_stop, should_stop.release()));
+  Owned::steal(std::exchange(self.held_tokens, held.release()));
+  Owned::steal(std::exchange(self.changed.object, changed.release()));
+}
+
+/// A tokens argument with a default of 0.
+double as_tokens(PyObject* value) { return value != nullptr ? as_double(value, "tokens") : 0.0; }
+
+Owned as_bool(bool value) { return Owned::copy(value ? Py_True : Py_False); }
+
+Owned stopping(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  sorted(state, Parameters<0>{"stopping", {}}, arguments);
+  return as_bool(should_stop(state, self));
+}
+
+Owned exhausted(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  sorted(state, Parameters<0>{"exhausted", {}}, arguments);
+  return as_bool(HostBudget(state, self).exhausted());
+}
+
+Owned exhausted_locked(State& state, RunBudgetObject& self,
+                       const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
+  sorted(state, Parameters<0>{"_exhausted_locked", {}}, arguments);
+  return as_bool(HostBudget(state, self).RunBudgetSteps::exhausted_locked());
+}
+
+Owned summary(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  sorted(state, Parameters<0>{"summary", {}}, arguments);
+  return HostBudget(state, self).summary();
+}
+
+Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  sorted(state, Parameters<0>{"_summary_locked", {}}, arguments);
+  return as_dict(state, self.counts);
+}
+
+Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"reserve", {Name::tokens}, 1, 0};
+  const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
+  HostBudget(state, self).reserve(tokens);
+  return none();
+}
+
+Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"hold", {Name::tokens}};
+  Owned tokens = as_float(sorted(state, parameters, arguments)[0], "tokens");
+  auto* object = reinterpret_cast<PyObject*>(&self);
+  Owned share = new_share(state);
+  HostBudget budget(state, self);
+  if (budget.is_untouched()) {
+    budget.reserve(PyFloat_AS_DOUBLE(tokens.get()));
+  } else {
+    call_method(object, state.name(Name::reserve), tokens.get());
+  }
+  arm(share, Action::run_budget, object, std::move(tokens));
+  return share;
+}
+
+Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
+  const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
+  HostBudget budget(state, self, Locking::must_go_on);
+  budget.release(tokens);
+  budget.finish();
+  return none();
+}
+
+Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
+  constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
+  const auto [result, reserved] = sorted(state, parameters, arguments);
+  const double tokens = as_tokens(reserved);
+  HostBudget budget(state, self, Locking::must_go_on);
+  budget.charge(HostReply(state, as_reply(result, "result")), tokens);
+  budget.finish();
+  return none();
+}
+
+}  // namespace
+
+void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject* reply) {
+  HostBudget budget(state, *reinterpret_cast<RunBudgetObject*>(object), Locking::must_go_on);
+  if (budget.is_untouched()) {
+    const HostReply paid(state, reply);
+    budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid);
+    budget.finish();
+  } else if (reply == Py_None) {
+    call_method(object, state.name(Name::release), tokens);
+  } else {
+    call_method(object, state.name(Name::charge), reply, tokens);
+  }
+}
+
+PyTypeObject* make_run_budget_type(PyObject* module) {
+  using Object = RunBudgetObject;
+  static Field max_calls{"max_calls", offsetof(Object, counts.max_calls)};
+  static Field max_tokens{"max_tokens", offsetof(Object, counts.max_tokens)};
+  static Field calls{"calls", offsetof(Object, counts.calls)};
+  static Field input_tokens{"input_tokens", offsetof(Object, counts.input_tokens)};
+  static Field cost{"cost", offsetof(Object, counts.cost)};
+  static Field cache_hits{"cache_hits", offsetof(Object, counts.cache_hits)};
+  static Field in_flight{"in_flight", offsetof(Object, counts.in_flight)};
+  static Field stop{"should_stop", offsetof(Object, should_stop), check_callable};
+  static Field held{"_held_tokens", offsetof(Object, held_tokens)};
+  static Field changed{"_changed", offsetof(Object, changed.object)};
+  static PyGetSetDef attributes[] = {
+      int64_field(max_calls),    int64_field(max_tokens), int64_field(calls),
+      int64_field(input_tokens), double_field(cost),      int64_field(cache_hits),
+      int64_field(in_flight),    object_field(stop),      object_field(held),
+      object_field(changed),     dict_attribute(),        {}};
+  static PyMethodDef methods[] = {
+      method<stopping>("stopping",
+                       "stopping($self)\n--\n\n"
+                       "What should_stop() says now, as a bool. Takes no lock."),
+      method<exhausted>(
+          "exhausted",
+          "exhausted($self)\n--\n\n"
+          "Whether a new call would be refused: no call slot is free (calls in flight\n"
+          "count as used), or the settled calls used up the input tokens."),
+      method<exhausted_locked>("_exhausted_locked",
+                               "_exhausted_locked($self)\n--\n\n"
+                               "exhausted() for a caller that holds the lock of _changed."),
+      method<summary>("summary",
+                      "summary($self)\n--\n\n"
+                      "The pass's counts and limits, a new dict: calls, cache_hits, input_tokens,\n"
+                      "cost_usd (US dollars, rounded to 6 decimals), max_calls, max_tokens."),
+      method<summary_locked>("_summary_locked",
+                             "_summary_locked($self)\n--\n\n"
+                             "summary() for a caller that holds the lock of _changed."),
+      method<reserve>(
+          "reserve",
+          "reserve($self, tokens=0.0)\n--\n\n"
+          "Admits one paid call that may use tokens input tokens at most (infinity: not\n"
+          "known; such a call runs alone). The caller ends it with exactly one release\n"
+          "or charge; hold() sees to that.\n\n"
+          "Blocks while the calls in flight hold the rest of the tokens; sees a stop\n"
+          "within 0.1 s. Raises DecisionStopped when the pass is stopping and\n"
+          "DecisionBudgetExceeded when no call slot is free or the settled calls used\n"
+          "up the tokens; then nothing is held."),
+      method<hold>("hold",
+                   "hold($self, tokens)\n--\n\n"
+                   "Admits one paid call as reserve(tokens) does, and returns its Share: settled\n"
+                   "with the reply it charges it, settled with None it releases the call."),
+      method<release>("release",
+                      "release($self, tokens=0.0)\n--\n\n"
+                      "Gives back the slot and the tokens of a call that ended without a paid\n"
+                      "reply, and wakes every waiting call."),
+      method<charge>("charge",
+                     "charge($self, result, tokens=0.0)\n--\n\n"
+                     "Counts the reply of a call that reserved tokens, gives back what the call\n"
+                     "held, and wakes every waiting call. A cached result only counts as a cache\n"
+                     "hit. What reading the result raises passes out after what the call held has\n"
+                     "been given back."),
+      {}};
+  return make_type<Object>(
+      module,
+      {.name = "decision_bounds.RunBudget",
+       .doc = "The bound of one batch pass: paid calls, input tokens, and a stop signal.\n\n"
+              "max_calls: paid calls at most, settled and in flight together.\n"
+              "max_tokens: input tokens that the settled calls may use at most.\n"
+              "should_stop: a function without arguments that says whether the pass is to\n"
+              "stop. It may be called with the lock held, may read this budget, and must\n"
+              "not wait for another thread that uses it.\n\n"
+              "The other fields are counters (cost in US dollars) and count 64 bits. Any\n"
+              "thread may call any operation; calls that wait for room are admitted in no\n"
+              "set order. Equal to another budget with the same limits and counters.",
+       .methods = methods,
+       .attributes = attributes,
+       .init = init_slot<Object, init>,
+       .repr = repr_slot<Object, &Object::counts>,
+       .compare = compare_slot<Object, &Object::counts>});
+}
+
+}  // namespace decision_bounds::python

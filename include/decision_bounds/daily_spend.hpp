@@ -1,0 +1,62 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "decision_bounds/host.hpp"
+#include "decision_bounds/paid_reply.hpp"
+#include "decision_bounds/run_budget.hpp"
+#include "decision_bounds/share.hpp"
+
+namespace decision_bounds {
+
+/// Today's UTC date as "YYYY-MM-DD". Called with the account's lock held at each reading of the
+/// day's spend.
+using Today = std::function<std::string()>;
+/// What the paid calls since the UTC date that it is given cost, in US dollars. Called with the
+/// account's lock held, once for each change of day. Empty: there is no ledger, each day begins at
+/// 0.
+using Ledger = std::function<double(const std::string& day)>;
+/// The most that a call may cost, in US dollars; infinity when that is not known. Called with the
+/// account's lock held, before each test for room.
+using CostBound = std::function<double()>;
+/// A monotonic clock, in seconds.
+using Clock = std::function<double()>;
+
+/// The daily cost cap: what the paid calls of one UTC day cost, and what the calls in flight hold
+/// of the cap. A call counts on the day on which it settles. Any thread may call any operation. The
+/// functions that it is given must not wait for another thread that uses the same account; they may
+/// use the account themselves.
+class DailySpend {
+ public:
+  /// `cap`: US dollars that the paid calls of one day may cost. Throws std::invalid_argument when
+  /// `today` is empty. Uses StdLogger::instance() when `logger` is null and a StdCondition when
+  /// `changed` is null. `logger` must outlive the account.
+  DailySpend(double cap, Today today, Ledger ledger, Logger* logger = nullptr,
+             std::unique_ptr<Condition> changed = nullptr);
+  DailySpend(const DailySpend&) = delete;  // its shares know it by its address
+  DailySpend& operator=(const DailySpend&) = delete;
+  ~DailySpend();
+
+  /// Admits one paid call and returns its share of the cap. Blocks while the calls in flight hold
+  /// the rest, at most until `deadline` (on the scale of `clock`; none: no limit); sees a stop
+  /// within 0.1 s. Throws DecisionBudgetExceeded when the settled calls of today cost the cap (and
+  /// logs the day's first refusal), DecisionTimeout, DecisionStopped, and whatever a function that
+  /// it is given throws; then nothing is held. A call that finds room at once looks at neither the
+  /// deadline nor `stopping`.
+  Share admit(const CostBound& bound, std::optional<double> deadline, const Clock& clock,
+              const StopSignal& stopping);
+  /// What the paid calls of today cost so far, in US dollars.
+  [[nodiscard]] double spent();
+  /// Counts an attempt that no share stands for: sent, and billed perhaps, but its reply was never
+  /// read.
+  void charge(const PaidReply& reply);
+
+ private:
+  class Steps;
+  std::unique_ptr<Steps> steps_;
+};
+
+}  // namespace decision_bounds

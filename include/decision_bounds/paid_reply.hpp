@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+
+namespace decision_bounds {
+
+/// How a bound reads a reply of the decision endpoint. The client's own reply type implements it;
+/// the library only reads it, under the bound's lock, and passes out whatever a property throws.
+/// Where the library takes a `const PaidReply*`, nullptr means that the call was not paid: it ended
+/// in an error, a stop or an interrupt.
+class PaidReply {
+ public:
+  virtual ~PaidReply() = default;
+
+  /// Whether the answer came from the client's cache. Cache hits are free.
+  [[nodiscard]] virtual bool cached() const = 0;
+  /// The input tokens that the request used.
+  [[nodiscard]] virtual std::int64_t input_tokens() const = 0;
+  /// What the reply cost, in US dollars.
+  [[nodiscard]] virtual double cost() const = 0;
+};
+
+/// The stop signal that never comes. Any thread may call it.
+inline bool never() noexcept { return false; }
+
+}  // namespace decision_bounds

@@ -1,0 +1,71 @@
+#include "decision_bounds/request_rates.hpp"
+
+#include <string>
+#include <unordered_set>
+#include <utility>
+
+#include "decision_bounds/std_host.hpp"
+#include "request_rates_steps.hpp"
+
+namespace decision_bounds {
+namespace {
+
+struct TextHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view text) const noexcept {
+    return std::hash<std::string_view>()(text);
+  }
+};
+using FeatureSet = std::unordered_set<std::string, TextHash, std::equal_to<>>;
+
+class SetFeatures final : public internal::Features {
+ public:
+  explicit SetFeatures(FeatureSet& all, std::string_view one = {}) : all_(all), one_(one) {}
+
+  bool empty() override { return all_.empty(); }
+  bool known() override { return all_.contains(one_); }
+  void add() override {
+    if (!known()) all_.emplace(one_);
+  }
+
+ private:
+  FeatureSet& all_;
+  std::string_view one_;
+};
+
+}  // namespace
+
+class RequestRates::Steps final : public internal::RequestRatesSteps {
+ public:
+  explicit Steps(std::unique_ptr<Lock> lock)
+      : RequestRatesSteps(*lock, cost_, tokens_), owned_(std::move(lock)) {}
+
+  FeatureSet features;
+
+ private:
+  internal::Charges cost_;
+  internal::Charges tokens_;
+  std::unique_ptr<Lock> owned_;
+};
+
+RequestRates::RequestRates(std::unique_ptr<Lock> lock)
+    : steps_(std::make_unique<Steps>(lock ? std::move(lock) : std::make_unique<StdLock>())) {}
+
+RequestRates::~RequestRates() = default;
+
+double RequestRates::cost(std::int64_t size, std::string_view feature) {
+  SetFeatures features(steps_->features, feature);
+  return steps_->cost(size, features);
+}
+
+double RequestRates::tokens(std::int64_t size) {
+  SetFeatures features(steps_->features);
+  return steps_->tokens(size, features);
+}
+
+void RequestRates::learn(std::int64_t size, std::string_view feature, const PaidReply& reply) {
+  SetFeatures features(steps_->features, feature);
+  steps_->learn(size, features, reply);
+}
+
+}  // namespace decision_bounds
