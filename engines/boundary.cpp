@@ -8,9 +8,11 @@
 namespace decision_bounds::python {
 namespace {
 
-std::size_t index_of(const State& state, const ParameterList& parameters, PyObject* keyword) {
-  for (std::size_t i = 0; i < parameters.names.size(); ++i) {
-    if (state.name(parameters.names[i]) == keyword) return i;  // both are interned, as a rule
+/// `expected`: where it stands when the caller keeps to the declared order.
+std::size_t index_of(const State& state, const ParameterList& parameters, PyObject* keyword,
+                     std::size_t expected) {
+  if (expected < parameters.names.size() && state.name(parameters.names[expected]) == keyword) {
+    return expected;  // both are interned, as a rule
   }
   for (std::size_t i = 0; i < parameters.names.size(); ++i) {
     if (PyUnicode_Compare(state.name(parameters.names[i]), keyword) == 0) return i;
@@ -20,8 +22,8 @@ std::size_t index_of(const State& state, const ParameterList& parameters, PyObje
 }
 
 void place(const State& state, const ParameterList& parameters, PyObject* keyword, PyObject* value,
-           std::span<PyObject*> values) {
-  const std::size_t index = index_of(state, parameters, keyword);
+           std::size_t expected, std::span<PyObject*> values) {
+  const std::size_t index = index_of(state, parameters, keyword, expected);
   if (values[index] != nullptr) {
     raise(PyExc_TypeError, "%s() got multiple values for argument '%S'", parameters.function,
           keyword);
@@ -64,15 +66,16 @@ void sort_arguments(const State& state, const ParameterList& parameters, const A
     const Py_ssize_t keywords = PyTuple_GET_SIZE(arguments.keyword_names);
     for (Py_ssize_t i = 0; i < keywords; ++i) {
       place(state, parameters, PyTuple_GET_ITEM(arguments.keyword_names, i),
-            arguments.positional[arguments.count + i], values);
+            arguments.positional[arguments.count + i], count + static_cast<std::size_t>(i), values);
     }
   }
   if (arguments.keywords != nullptr) {
     PyObject* keyword = nullptr;
     PyObject* value = nullptr;
     Py_ssize_t position = 0;
+    std::size_t expected = count;
     while (PyDict_Next(arguments.keywords, &position, &keyword, &value) != 0) {
-      place(state, parameters, keyword, value, values);
+      place(state, parameters, keyword, value, expected++, values);
     }
   }
   for (std::size_t i = 0; i < parameters.required; ++i) {

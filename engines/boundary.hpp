@@ -2,6 +2,7 @@
 
 // Where Python calls into the module: no C++ exception passes this line.
 
+#include <algorithm>
 #include <span>
 #include <type_traits>
 
@@ -60,6 +61,11 @@ template <std::size_t Count>
 std::array<PyObject*, Count> sorted(const State& state, const Parameters<Count>& parameters,
                                     const Arguments& arguments) {
   std::array<PyObject*, Count> values{};
+  if (arguments.count == Count && Count == parameters.positional &&
+      arguments.keyword_names == nullptr && arguments.keywords == nullptr) {
+    std::copy_n(arguments.positional, Count, values.begin());
+    return values;
+  }
   const ParameterList list{parameters.function, parameters.names, parameters.positional,
                            parameters.required};
   sort_arguments(state, list, arguments, values);

@@ -37,7 +37,7 @@ class HostSpend final : public internal::DailySpendSteps {
         state_(state),
         self_(self),
         untouched_(untouched(&self, state.daily_spend)),
-        condition_(state, object(), self.changed, locking),
+        condition_(state, object(), self.changed, Section::calls_python, locking),
         held_(state, object(), self.held, "_held"),
         logger_(state) {}
 

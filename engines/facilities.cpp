@@ -39,8 +39,10 @@ bool plain(const State& state, LockField& field) {
   if (field.bound == field.object) return true;
   Owned acquire = get(field.object, state.name(Name::acquire));
   Owned release = get(field.object, state.name(Name::release));
+  Owned locked = get(field.object, state.name(Name::locked));
   Owned::steal(std::exchange(field.acquire, acquire.release()));
   Owned::steal(std::exchange(field.release, release.release()));
+  Owned::steal(std::exchange(field.locked, locked.release()));
   Owned::steal(std::exchange(field.bound, Owned::copy(field.object).release()));
   return true;
 }
@@ -61,6 +63,11 @@ bool bind(const State& state, ConditionField& field) {
   if (spied < 0) throw_raised();
   if (spied == 1) return false;
   field.version = version_of(dict.get());
+  field.reentrant = nullptr;
+  if (PyCFunction_Check(acquire.get())) {
+    PyObject* lock = PyCFunction_GET_SELF(acquire.get());
+    if (lock != nullptr && Py_TYPE(lock) == state.transparent_lock) field.reentrant = lock;
+  }
   Owned::steal(std::exchange(field.dict, dict.release()));
   Owned::steal(std::exchange(field.acquire, acquire.release()));
   Owned::steal(std::exchange(field.release, release.release()));
@@ -76,6 +83,19 @@ bool plain(const State& state, ConditionField& field) {
   }
   if (field.bound == field.object && version_of(field.dict) == field.version) return true;
   return bind(state, field);
+}
+
+/// How CPython 3.11 lays out a re-entrant lock, which has no method that says whether it is free.
+struct ReentrantLock {
+  PyObject_HEAD PyThread_type_lock lock;
+  unsigned long owner;
+  unsigned long count;
+  PyObject* weakrefs;
+};
+
+/// Whether nobody holds the lock. True for as long as this thread runs no Python code.
+bool is_free(PyObject* lock) noexcept {
+  return lock != nullptr && reinterpret_cast<const ReentrantLock*>(lock)->count == 0;
 }
 
 constexpr int interrupts_put_off = 100;
@@ -99,11 +119,29 @@ Owned python_argument(const LogArgument& argument) {
 
 }  // namespace
 
+PyTypeObject* transparent_lock_type(const State& state) {
+  const Owned condition = call(reinterpret_cast<PyObject*>(state.condition.type));
+  const Owned method = get(condition.get(), state.name(Name::acquire));
+  if (!PyCFunction_Check(method.get())) return nullptr;
+  PyObject* lock = PyCFunction_GET_SELF(method.get());
+  if (lock == nullptr || Py_TYPE(lock)->tp_basicsize != sizeof(ReentrantLock)) return nullptr;
+  const auto* layout = reinterpret_cast<const ReentrantLock*>(lock);
+  const bool before = layout->count == 0;
+  call(method.get());
+  call(method.get());
+  const bool taken = layout->count == 2 && layout->owner == PyThread_get_thread_ident();
+  call_method(lock, state.name(Name::release));
+  const bool within = layout->count == 1;
+  call_method(lock, state.name(Name::release));
+  return before && taken && within && layout->count == 0 ? Py_TYPE(lock) : nullptr;
+}
+
 int visit(const LockField& field, visitproc visit, void* arg) {
   Py_VISIT(field.object);
   Py_VISIT(field.bound);
   Py_VISIT(field.acquire);
   Py_VISIT(field.release);
+  Py_VISIT(field.locked);
   return 0;
 }
 
@@ -122,6 +160,7 @@ void clear(LockField& field) noexcept {
   clear(field.bound);
   clear(field.acquire);
   clear(field.release);
+  clear(field.locked);
 }
 
 void clear(ConditionField& field) noexcept {
@@ -134,20 +173,23 @@ void clear(ConditionField& field) noexcept {
 }
 
 void HostLock::lock() {
-  locked_ = Owned::copy(set_or_raise(field_.object, self_, "_lock"));
-  if (plain(state_, field_)) {
-    release_ = Owned::copy(field_.release);
-    call(field_.acquire);
-  } else {
-    enter_by_name(state_, locked_.get());
+  PyObject* lock = set_or_raise(field_.object, self_, "_lock");
+  if (!plain(state_, field_)) {
+    taken_ = Owned::copy(lock);
+    enter_by_name(state_, lock);
+    return;
   }
+  if (section_ == Section::brief && !truth(call_builtin(field_.locked, state_.no_arguments)))
+    return;
+  release_ = Owned::copy(field_.release);
+  call_builtin(Owned::copy(field_.acquire).get(), state_.no_arguments);
 }
 
 void HostLock::unlock() {
   if (release_) {
-    call(release_.get());
-  } else {
-    exit_by_name(state_, locked_.get());
+    call_builtin(release_.get(), state_.no_arguments);
+  } else if (taken_) {
+    exit_by_name(state_, taken_.get());
   }
 }
 
@@ -172,18 +214,32 @@ void HostCondition::enter() {
   locked_ = Owned::copy(set_or_raise(field_.object, self_, "_changed"));
   if (plain(state_, field_)) {
     release_ = Owned::copy(field_.release);
-    const Owned acquire = Owned::copy(field_.acquire);
-    call(acquire.get());
+    if (section_ == Section::brief && is_free(field_.reentrant)) {
+      hold_ = Hold::brief;
+      return;
+    }
+    acquire();
   } else {
     enter_by_name(state_, locked_.get());
   }
-  held_ = true;
+  hold_ = Hold::taken;
+}
+
+void HostCondition::acquire() {
+  call_builtin(Owned::copy(field_.acquire).get(), state_.no_arguments);
+}
+
+bool HostCondition::take_now() {
+  if (hold_ != Hold::brief) return false;
+  acquire();
+  hold_ = Hold::taken;
+  return true;
 }
 
 void HostCondition::unlock() {
-  if (!std::exchange(held_, false)) return;
+  if (std::exchange(hold_, Hold::none) != Hold::taken) return;
   if (release_) {
-    call(release_.get());
+    call_builtin(release_.get(), state_.no_arguments);
   } else {
     exit_by_name(state_, locked_.get());
   }
@@ -191,10 +247,12 @@ void HostCondition::unlock() {
 
 void HostCondition::wait_for(double seconds) {
   const Owned timeout = to_python(seconds);
+  take_now();
   try {
     call_method(locked_.get(), state_.name(Name::wait), timeout.get());
   } catch (...) {
-    held_ = owned();  // a wait that fails may have let the lock go without taking it back
+    // A wait that fails may have let the lock go without taking it back.
+    if (!owned()) hold_ = Hold::none;
     throw;
   }
 }
@@ -208,10 +266,11 @@ bool HostCondition::owned() const {
 }
 
 void HostCondition::notify_all() {
-  if (!held_) return;  // its waiters look again by themselves
+  if (hold_ == Hold::none) return;  // its waiters look again by themselves
   if (release_ && field_.bound == locked_.get()) {
     const Py_ssize_t waiters = checked_count([this] { return PyObject_Size(field_.waiters); });
     if (waiters == 0) return;
+    take_now();
   }
   call_method(locked_.get(), state_.name(Name::notify_all));
 }
@@ -247,11 +306,14 @@ double poll_seconds(const State& state) {
   return as_double(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
 }
 
+bool HostHeld::is_plain() const noexcept {
+  return field_ != nullptr && Py_TYPE(field_) == state_.held.type &&
+         untouched(reinterpret_cast<HeldObject*>(field_), state_.held);
+}
+
 internal::Held* HostHeld::record() {
   set_or_raise(field_, self_, name_);
-  auto* held = reinterpret_cast<HeldObject*>(field_);
-  return Py_TYPE(field_) == state_.held.type && untouched(held, state_.held) ? &held->record
-                                                                             : nullptr;
+  return is_plain() ? &reinterpret_cast<HeldObject*>(field_)->record : nullptr;
 }
 
 bool HostHeld::admits(double share, double used, double limit) {

@@ -13,7 +13,7 @@ namespace decision_bounds::python {
 struct LockField {
   PyObject* object;  // the attribute
   PyObject* bound;   // the lock that the rest belongs to
-  PyObject *acquire, *release;
+  PyObject *acquire, *release, *locked;
 };
 
 /// A condition attribute. For a threading.Condition that nobody changed, its lock's methods and its
@@ -23,17 +23,30 @@ struct ConditionField {
   PyObject* bound;   // the condition that the rest belongs to
   PyObject *acquire, *release, *waiters, *dict;
   std::uint64_t version;  // of dict, when the rest was read from it
+  PyObject* reentrant;    // borrowed from acquire: the lock, where it can be seen to be free
 };
+
+/// The type of the interpreter's re-entrant locks, borrowed, if it can be seen whether one is free;
+/// else null.
+PyTypeObject* transparent_lock_type(const State& state);
 
 int visit(const LockField& field, visitproc visit, void* arg);
 int visit(const ConditionField& field, visitproc visit, void* arg);
 void clear(LockField& field) noexcept;
 void clear(ConditionField& field) noexcept;
 
+/// What an operation does while it holds a plain lock.
+enum class Section {
+  calls_python,
+  /// It runs no Python code, so the interpreter's own lock keeps it whole: while nobody holds a
+  /// lock of the interpreter's own, that need not be taken.
+  brief,
+};
+
 class HostLock final : public Lock {
  public:
-  HostLock(State& state, PyObject* self, LockField& field)
-      : state_(state), self_(self), field_(field) {}
+  HostLock(State& state, PyObject* self, LockField& field, Section section)
+      : state_(state), self_(self), field_(field), section_(section) {}
 
   void lock() override;
   void unlock() override;
@@ -42,7 +55,8 @@ class HostLock final : public Lock {
   State& state_;
   PyObject* self_;
   LockField& field_;
-  Owned locked_, release_;
+  Section section_;
+  Owned taken_, release_;
 };
 
 /// Whether an operation may be refused its lock.
@@ -56,17 +70,23 @@ enum class Locking {
 
 class HostCondition final : public Condition {
  public:
-  HostCondition(State& state, PyObject* self, ConditionField& field,
+  HostCondition(State& state, PyObject* self, ConditionField& field, Section section,
                 Locking locking = Locking::may_fail)
-      : state_(state), self_(self), field_(field), locking_(locking) {}
+      : state_(state), self_(self), field_(field), section_(section), locking_(locking) {}
 
   void lock() override;
   void unlock() override;
   void wait_for(double seconds) override;
   void notify_all() override;
 
+  /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if so:
+  /// another thread may have had it in between.
+  bool take_now();
   /// For a caller that has locked `condition` itself.
-  void adopt(PyObject* condition) { locked_ = Owned::copy(condition); }
+  void adopt(PyObject* condition) {
+    locked_ = Owned::copy(condition);
+    hold_ = Hold::taken;
+  }
   /// The condition that this operation locked.
   [[nodiscard]] PyObject* object() const noexcept { return locked_.get(); }
   /// Throws the error that lock() kept, if there is one.
@@ -74,14 +94,16 @@ class HostCondition final : public Condition {
 
  private:
   void enter();
+  void acquire();
   [[nodiscard]] bool owned() const;
 
   State& state_;
   PyObject* self_;
   ConditionField& field_;
+  Section section_;
   Locking locking_;
   Owned locked_, release_;
-  bool held_ = false;
+  enum class Hold { none, brief, taken } hold_ = Hold::none;
   std::exception_ptr kept_;
 };
 
@@ -106,6 +128,9 @@ class HostHeld final : public internal::HeldAmounts {
   bool admits(double share, double used, double limit) override;
   void take(double share) override;
   void give_back(double share) override;
+
+  /// Whether its steps run no Python code.
+  [[nodiscard]] bool is_plain() const noexcept;
 
  private:
   /// The record, if its steps need no look-up by name.

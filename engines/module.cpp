@@ -51,7 +51,7 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
   }
   const std::optional<double> end = deadline != nullptr ? as_deadline(deadline) : std::nullopt;
   ConditionField field{};
-  HostCondition condition(state, nullptr, field);
+  HostCondition condition(state, nullptr, field, Section::calls_python);
   condition.adopt(changed);
   internal::wait_for_room(
       condition, [callable = stopping] { return truth(call(callable)); }, end, host_clock,
@@ -128,6 +128,9 @@ void take_from_host(PyObject* module, State& state) {
   state.condition.version = attributes_version(state.condition.type);
   state.allocate_lock = import_from("threading", "Lock").release();
   state.lock = reinterpret_cast<PyTypeObject*>(Py_NewRef(Py_TYPE(call(state.allocate_lock).get())));
+  state.transparent_lock = reinterpret_cast<PyTypeObject*>(
+      Py_XNewRef(reinterpret_cast<PyObject*>(transparent_lock_type(state))));
+  state.no_arguments = checked([] { return PyTuple_New(0); }).release();
   state.partial = import_from("functools", "partial").release();
   const Owned get_logger = import_from("logging", "getLogger");
   const Owned name = checked([=] { return PyModule_GetNameObject(module); });
@@ -188,9 +191,11 @@ void each_object(State& state, Visit visit) {
     visit(own->type);
   }
   visit(state.lock);
-  for (PyObject** object : {&state.decision_error, &state.budget_exceeded, &state.unavailable,
-                            &state.timeout, &state.stopped, &state.never, &state.nothing,
-                            &state.wait, &state.allocate_lock, &state.partial, &state.logger}) {
+  visit(state.transparent_lock);
+  for (PyObject** object :
+       {&state.decision_error, &state.budget_exceeded, &state.unavailable, &state.timeout,
+        &state.stopped, &state.never, &state.nothing, &state.wait, &state.allocate_lock,
+        &state.partial, &state.logger, &state.no_arguments}) {
     visit(*object);
   }
 }

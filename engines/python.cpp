@@ -39,6 +39,20 @@ void raise(PyObject* type, const char* format, ...) {
   throw_raised();
 }
 
+Owned call_builtin(PyObject* method, PyObject* nothing) {
+  const int convention = PyCFunction_Check(method) ? PyCFunction_GET_FLAGS(method) : -1;
+  if (convention == METH_NOARGS) {
+    return checked(
+        [=] { return PyCFunction_GET_FUNCTION(method)(PyCFunction_GET_SELF(method), nullptr); });
+  }
+  if (convention == (METH_VARARGS | METH_KEYWORDS)) {
+    const auto function = reinterpret_cast<PyCFunctionWithKeywords>(
+        reinterpret_cast<void (*)()>(PyCFunction_GET_FUNCTION(method)));
+    return checked([=] { return function(PyCFunction_GET_SELF(method), nothing, nullptr); });
+  }
+  return call(method);
+}
+
 Owned to_python(double value) {
   return checked([=] { return PyFloat_FromDouble(value); });
 }
@@ -80,12 +94,14 @@ std::optional<double> as_deadline(PyObject* value) {
 }
 
 std::int64_t as_int64(PyObject* value, const char* what) {
-  if (!PyIndex_Check(value)) {
-    raise(PyExc_TypeError, "%s must be an integer, not %.200s", what, Py_TYPE(value)->tp_name);
+  if (!PyLong_Check(value)) {
+    if (!PyIndex_Check(value)) {
+      raise(PyExc_TypeError, "%s must be an integer, not %.200s", what, Py_TYPE(value)->tp_name);
+    }
+    return as_int64(checked([=] { return PyNumber_Index(value); }).get(), what);
   }
-  const Owned index = checked([=] { return PyNumber_Index(value); });
   int overflow = 0;
-  const long long result = PyLong_AsLongLongAndOverflow(index.get(), &overflow);
+  const long long result = PyLong_AsLongLongAndOverflow(value, &overflow);
   if (overflow != 0) raise(PyExc_OverflowError, "%s is out of the range of 64 bits", what);
   return result;
 }

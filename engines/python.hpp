@@ -35,7 +35,12 @@ auto entering(Call call) -> decltype(call()) {
 
 /// Lets a reference go; null is fine. The last one may run Python code.
 inline void drop(PyObject* object) noexcept {
-  entering([object] { Py_XDECREF(object); });
+  if (object == nullptr) return;
+  if (Py_REFCNT(object) > 1) {
+    Py_DECREF(object);
+  } else {
+    entering([object] { Py_DECREF(object); });
+  }
 }
 
 /// Detaches a field before its reference goes, so that Python code run by that sees it empty.
@@ -140,6 +145,10 @@ Owned call_method(PyObject* object, PyObject* name, Arguments... arguments) {
         name, all + 1, (1 + sizeof...(arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
   });
 }
+
+/// Calls a bound method of a built-in object without arguments, straight through its C function
+/// where its calling convention is one of the two that locks have. `nothing` is an empty tuple.
+Owned call_builtin(PyObject* method, PyObject* nothing);
 
 Owned to_python(double value);
 Owned to_python(std::int64_t value);

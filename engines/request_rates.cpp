@@ -45,8 +45,8 @@ class HostFeatures final : public internal::Features {
 /// One operation on a RequestRates.
 class HostRates {
  public:
-  HostRates(State& state, RequestRatesObject& self)
-      : lock_(state, reinterpret_cast<PyObject*>(&self), self.lock),
+  HostRates(State& state, RequestRatesObject& self, Section section)
+      : lock_(state, reinterpret_cast<PyObject*>(&self), self.lock, section),
         cost_(charges(self, self.cost, "_cost")),
         tokens_(charges(self, self.tokens, "_tokens")),
         steps_(lock_, record(cost_), record(tokens_)) {}
@@ -105,14 +105,14 @@ Owned cost(State& state, RequestRatesObject& self, const Arguments& arguments) {
   const std::int64_t bytes = as_int64(size, "size");
   const Owned text = as_feature(feature);
   HostFeatures features(self, text.get());
-  return to_python(HostRates(state, self)->cost(bytes, features));
+  return to_python(HostRates(state, self, Section::brief)->cost(bytes, features));
 }
 
 Owned tokens(State& state, RequestRatesObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"tokens", {Name::size}};
   const std::int64_t bytes = as_int64(sorted(state, parameters, arguments)[0], "size");
   HostFeatures features(self);
-  return to_python(HostRates(state, self)->tokens(bytes, features));
+  return to_python(HostRates(state, self, Section::brief)->tokens(bytes, features));
 }
 
 Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) {
@@ -121,7 +121,8 @@ Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) 
   const std::int64_t bytes = as_int64(size, "size");
   const Owned text = as_feature(feature);
   HostFeatures features(self, text.get());
-  HostRates(state, self)->learn(bytes, features, HostReply(state, as_reply(reply, "reply")));
+  HostRates(state, self, Section::calls_python)
+      ->learn(bytes, features, HostReply(state, as_reply(reply, "reply")));
   return none();
 }
 

@@ -40,13 +40,15 @@ Owned as_dict(const State& state, const RunCounts& counts) {
 /// One operation on a RunBudget. Steps that Python code may have overridden go by name.
 class HostBudget final : public internal::RunBudgetSteps {
  public:
-  HostBudget(State& state, RunBudgetObject& self, Locking locking = Locking::may_fail)
+  HostBudget(State& state, RunBudgetObject& self, Section section,
+             Locking locking = Locking::may_fail)
       : RunBudgetSteps(self.counts, held_, condition_),
         state_(state),
         self_(self),
         untouched_(untouched(&self, state.run_budget)),
-        condition_(state, object(), self.changed, locking),
-        held_(state, object(), self.held_tokens, "_held_tokens") {}
+        held_(state, object(), self.held_tokens, "_held_tokens"),
+        condition_(state, object(), self.changed,
+                   untouched_ && held_.is_plain() ? section : Section::calls_python, locking) {}
 
   bool stopping() override {
     if (untouched_) return should_stop(state_, self_);
@@ -65,6 +67,7 @@ class HostBudget final : public internal::RunBudgetSteps {
   }
 
   void wait() override {
+    if (condition_.take_now()) return;  // there may be room by now: look again before waiting
     const Owned wait = global(state_, Name::_wait, state_.wait);
     if (wait.get() == state_.wait) {
       internal::wait_for_room(
@@ -91,8 +94,8 @@ class HostBudget final : public internal::RunBudgetSteps {
   State& state_;
   RunBudgetObject& self_;
   bool untouched_;
-  HostCondition condition_;
   HostHeld held_;
+  HostCondition condition_;
 };
 
 constexpr Name fields[] = {
@@ -142,18 +145,18 @@ Owned stopping(State& state, RunBudgetObject& self, const Arguments& arguments) 
 
 Owned exhausted(State& state, RunBudgetObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"exhausted", {}}, arguments);
-  return as_bool(HostBudget(state, self).exhausted());
+  return as_bool(HostBudget(state, self, Section::brief).exhausted());
 }
 
 Owned exhausted_locked(State& state, RunBudgetObject& self,
                        const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
   sorted(state, Parameters<0>{"_exhausted_locked", {}}, arguments);
-  return as_bool(HostBudget(state, self).RunBudgetSteps::exhausted_locked());
+  return as_bool(HostBudget(state, self, Section::brief).RunBudgetSteps::exhausted_locked());
 }
 
 Owned summary(State& state, RunBudgetObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"summary", {}}, arguments);
-  return HostBudget(state, self).summary();
+  return HostBudget(state, self, Section::brief).summary();
 }
 
 Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& arguments) {
@@ -164,7 +167,7 @@ Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& argum
 Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"reserve", {Name::tokens}, 1, 0};
   const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
-  HostBudget(state, self).reserve(tokens);
+  HostBudget(state, self, Section::brief).reserve(tokens);
   return none();
 }
 
@@ -173,7 +176,7 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
   Owned tokens = as_float(sorted(state, parameters, arguments)[0], "tokens");
   auto* object = reinterpret_cast<PyObject*>(&self);
   Owned share = new_share(state);
-  HostBudget budget(state, self);
+  HostBudget budget(state, self, Section::brief);
   if (budget.is_untouched()) {
     budget.reserve(PyFloat_AS_DOUBLE(tokens.get()));
   } else {
@@ -186,7 +189,7 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
 Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
   const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
-  HostBudget budget(state, self, Locking::must_go_on);
+  HostBudget budget(state, self, Section::brief, Locking::must_go_on);
   budget.release(tokens);
   budget.finish();
   return none();
@@ -196,7 +199,7 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
   const double tokens = as_tokens(reserved);
-  HostBudget budget(state, self, Locking::must_go_on);
+  HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
   budget.charge(HostReply(state, as_reply(result, "result")), tokens);
   budget.finish();
   return none();
@@ -205,7 +208,8 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
 }  // namespace
 
 void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject* reply) {
-  HostBudget budget(state, *reinterpret_cast<RunBudgetObject*>(object), Locking::must_go_on);
+  HostBudget budget(state, *reinterpret_cast<RunBudgetObject*>(object),
+                    reply == Py_None ? Section::brief : Section::calls_python, Locking::must_go_on);
   if (budget.is_untouched()) {
     const HostReply paid(state, reply);
     budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid);

@@ -114,10 +114,7 @@ Owned settle(State& state, ShareObject& self, const Arguments& arguments) {
   return none();
 }
 
-Owned enter(State& state, ShareObject& self, const Arguments& arguments) {
-  sorted(state, Parameters<0>{"__enter__", {}}, arguments);
-  return Owned::copy(reinterpret_cast<PyObject*>(&self));
-}
+PyObject* enter(PyObject* self, PyObject*) { return Py_NewRef(self); }
 
 Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
   if (arguments.keyword_names != nullptr) {
@@ -156,7 +153,7 @@ PyTypeObject* make_share_type(PyObject* module) {
           "not paid). A share given back already ignores it. The share counts as given\n"
           "back even when its action raises; that error passes out. Any thread may call\n"
           "it; it blocks only for the bound's lock."),
-      method<enter>("__enter__", "__enter__($self)\n--\n\nReturns the share itself."),
+      {"__enter__", enter, METH_NOARGS, "__enter__($self)\n--\n\nReturns the share itself."},
       method<exit>("__exit__",
                    "__exit__($self, /, *error)\n--\n\n"
                    "Settles with None; the error that ended the block, if any, goes on."),

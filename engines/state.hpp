@@ -14,7 +14,7 @@ namespace decision_bounds::python {
 #define DECISION_BOUNDS_NAMES(X)                                                               \
   X(acquire) X(admits) X(amount) X(bound) X(cached) X(cache_hits) X(calls) X(cap) X(changed)   \
   X(charge) X(clock) X(cost) X(deadline) X(exc_info) X(feature) X(give_back) X(held)           \
-  X(holders) X(in_flight) X(input_tokens) X(ledger) X(limit) X(logger) X(max_calls)            \
+  X(holders) X(in_flight) X(input_tokens) X(ledger) X(limit) X(locked) X(logger) X(max_calls)            \
   X(max_tokens) X(notify_all) X(per_byte) X(per_call) X(release) X(reply) X(reserve) X(result) \
   X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) X(today) X(tokens) X(unbounded)\
   X(used) X(wait) X(warning) X(day) X(_POLL_S) X(_changed) X(_exhausted_locked) X(_give_back)  \
@@ -43,11 +43,13 @@ struct State {
   PyObject *decision_error, *budget_exceeded, *unavailable, *timeout, *stopped;
   PyObject *never, *nothing, *wait;
 
-  OwnType condition;        // threading.Condition
-  PyObject* allocate_lock;  // threading.Lock
-  PyTypeObject* lock;       // the type of its locks
-  PyObject* partial;        // functools.partial
+  OwnType condition;               // threading.Condition
+  PyObject* allocate_lock;         // threading.Lock
+  PyTypeObject* lock;              // the type of its locks
+  PyTypeObject* transparent_lock;  // of a condition's, if known from within
+  PyObject* partial;               // functools.partial
   PyObject* logger;
+  PyObject* no_arguments;  // an empty tuple
 
   std::array<PyObject*, static_cast<std::size_t>(Name::count)> names;
   std::array<PyObject*, 6> summary_keys;

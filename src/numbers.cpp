@@ -45,6 +45,13 @@ std::string fixed(double value, int decimals) {
 }
 
 double micro_rounded(double value) {
+  if (std::abs(value) < 1e6) {
+    // The product is off by less than 1e-4, so away from a tie the nearest integer is the right
+    // one, and the quotient of two exact numbers is the nearest double.
+    const double micros = value * 1e6;
+    const double nearest = std::nearbyint(micros);
+    if (std::abs(micros - nearest) < 0.499) return nearest / 1e6;
+  }
   constexpr double all_integers_from = 4503599627370496.0;  // 2^52: no fraction left to round
   if (!(std::abs(value) < all_integers_from)) return value;
   Buffer buffer;
