@@ -1,0 +1,16 @@
+"""`python3 -m decision_client`: see `decision_client.cli`."""
+
+import sys
+
+INSTALL = "cmake --install build/release --component engines --prefix examples/decision_client"
+
+try:
+    import decision_client.engines.decision_bounds  # noqa: F401
+except ModuleNotFoundError as error:
+    if error.name != "decision_client.engines.decision_bounds":
+        raise
+    sys.exit(f"decision_client: the module is not installed in this package yet; run: {INSTALL}")
+
+from decision_client.cli import main
+
+sys.exit(main())

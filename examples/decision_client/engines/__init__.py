@@ -1,0 +1,1 @@
+"""The compiled modules of this package; `cmake --install` puts `decision_bounds` here."""

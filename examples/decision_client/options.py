@@ -1,0 +1,111 @@
+"""The command line's arguments."""
+
+import argparse
+import math
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from decision_client.request import INSTRUCTIONS
+
+EXIT_CODES = """\
+exit codes:
+  0    everything that was asked has been answered
+  1    some call failed after its attempts, or some file could not be read
+  2    an argument is wrong
+  3    refused: the budget of the pass or the day's cost cap is used up
+  4    the tool's call ran out of its deadline
+  5    the endpoint refuses requests (tool)
+  130  stopped by Ctrl-C; a pass ends its calls in flight and prints its summary
+"""
+
+
+class _Help(argparse.ArgumentDefaultsHelpFormatter, argparse.RawDescriptionHelpFormatter):
+    """Shows defaults, and leaves the exit codes as they are laid out."""
+
+
+def parse(arguments: list[str] | None) -> argparse.Namespace:
+    """The options of one command; exits with code 2 and names the argument that is wrong."""
+    account = _options(
+        ("--db", Path, "FILE", Path("decisions.sqlite3"), "ledger and answers"),
+        ("--cap", _dollars, "USD", 5.0, "US dollars that a UTC day may cost"),
+    )
+    calls = _options(
+        ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
+        ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
+        ("--latency", _seconds, "S", 0.02, "of the endpoint, seconds"),
+        ("--failure-rate", _rate, "P", 0.0, "of its replies that fail, 0 to 1"),
+        ("--lost-rate", _rate, "P", 0.0, "of its replies that are billed and lost, 0 to 1"),
+        ("--refuse-every", _number, "N", 0, "requests until it refuses all; 0: it never does"),
+        ("--refuse-for", _seconds, "S", 0.5, "seconds that it refuses all"),
+    )
+    a_pass = _options(
+        ("--glob", str, "PATTERN", "*", "the files of a directory that are meant"),
+        ("--limit", _count, "N", None, "take only the first so many files"),
+        ("--workers", _workers, "N", 8, "threads"),
+        ("--max-calls", _number, "N", 10_000, "paid calls of the pass"),
+        ("--max-tokens", _number, "N", 50_000_000, "input tokens of the pass"),
+    )
+    deadline = _options(("--deadline", _seconds, "S", 5.0, "seconds that the call may take"))
+
+    described: dict[str, Any] = {"epilog": EXIT_CODES, "formatter_class": _Help}
+    about = "Ask a paid endpoint for decisions about files, within bounds."
+    parser = argparse.ArgumentParser("decision_client", description=about, **described)
+    commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
+
+    def add(name: str, about: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
+        return commands.add_parser(name, help=about, parents=parents, **described)
+
+    batch = add("batch", "one request a file, on several threads", a_pass, account, calls)
+    batch.add_argument("paths", metavar="PATH", nargs="+", type=_existing, help="or directory")
+    tool = add("tool", "one request, with a deadline", deadline, account, calls)
+    tool.add_argument("path", metavar="PATH", type=_existing, help="of the file in question")
+    add("spend", "what was paid today, against the cap", account)
+    return parser.parse_args(arguments)
+
+
+def _options(*rows: tuple[str, Callable[[str], Any], str, Any, str]) -> argparse.ArgumentParser:
+    """A parent parser with one option a row: flag, type, placeholder, default, meaning."""
+    parser = argparse.ArgumentParser(add_help=False)
+    for flag, kind, metavar, default, meaning in rows:
+        parser.add_argument(flag, type=kind, metavar=metavar, default=default, help=meaning)
+    return parser
+
+
+def _existing(text: str) -> Path:
+    path = Path(text)
+    if not path.is_file() and not path.is_dir():
+        raise argparse.ArgumentTypeError(f"there is no file or directory {text!r}")
+    return path
+
+
+def _feature(text: str) -> str:
+    if text not in INSTRUCTIONS:
+        raise argparse.ArgumentTypeError(f"{text!r} is not one of {', '.join(INSTRUCTIONS)}")
+    return text
+
+
+def _ranged(
+    convert: Callable[[str], float], what: str, least: float, most: float
+) -> Callable[[str], Any]:
+    """An argument's type: a number from `least` to `most`, which rules out NaN."""
+
+    def read(text: str) -> float:
+        try:
+            value = convert(text)
+        except ValueError:
+            value = math.nan
+        if not least <= value <= most:
+            raise argparse.ArgumentTypeError(f"{text!r} is not {what} from {least} to {most}")
+        return value
+
+    return read
+
+
+_number = _ranged(int, "a whole number", 0, 10**12)
+_count = _ranged(int, "a whole number", 1, 10**12)
+_attempts = _ranged(int, "a whole number", 1, 10)
+_workers = _ranged(int, "a whole number", 1, 256)
+_dollars = _ranged(float, "an amount of US dollars", 0, 10**9)
+_seconds = _ranged(float, "a number of seconds", 0, 24 * 60 * 60)
+_rate = _ranged(float, "a probability", 0, 1)

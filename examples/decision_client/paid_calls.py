@@ -1,0 +1,178 @@
+"""The road of one paid call, from the cache over its admission to its settlement."""
+
+import math
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+
+from decision_client.engines.decision_bounds import (
+    DailySpend,
+    DecisionError,
+    DecisionStopped,
+    DecisionTimeout,
+    RequestRates,
+    RunBudget,
+    Share,
+    never,
+)
+from decision_client.ledger import Ledger
+from decision_client.request import DecisionResult, Request
+from decision_client.tally import Tally
+from decision_client.transport import AttemptFailed, EndpointClient, LostReply
+
+
+@dataclass(frozen=True)
+class Attempts:
+    """How a call is tried."""
+
+    limit: int = 4
+    """The most attempts of one call."""
+    backoff_s: float = 0.05
+    """Seconds before the second attempt; they double before each further one."""
+    timeout_s: float = 10.0
+    """The most seconds that one network operation of an attempt may take."""
+    assumed_cost: float = 0.01
+    """US dollars counted for a lost reply while no reply of its feature has told a cost."""
+
+
+class PaidCalls:
+    """Makes the calls of one program run, all against the same daily account.
+
+    Safe for many threads: a batch pass's threads share one object, and so may tools.
+    """
+
+    def __init__(
+        self,
+        client: EndpointClient,
+        ledger: Ledger,
+        spend: DailySpend,
+        rates: RequestRates,
+        attempts: Attempts = Attempts(),
+        pause: Callable[[float], object] = time.sleep,
+        clock: Callable[[], float] = time.monotonic,
+    ) -> None:
+        """`pause` waits between attempts; a pass gives the wait of its stop signal."""
+        self.spend = spend
+        self.tally = Tally()
+        self._client = client
+        self._ledger = ledger
+        self._rates = rates
+        self._attempts = attempts
+        self._clock = clock
+        self._pause = pause
+
+    def cached(self, request: Request, budget: RunBudget | None = None) -> DecisionResult | None:
+        """The answer from the cache, free of charge, or none."""
+        answer = self._ledger.find(request)
+        if answer is not None and budget is not None:
+            budget.charge(answer)
+        return answer
+
+    def decide(
+        self,
+        request: Request,
+        *,
+        budget: RunBudget | None = None,
+        deadline: float | None = None,
+    ) -> DecisionResult:
+        """Answer a request, from the cache or by a paid call.
+
+        A batch pass's call brings its `budget` and ends with its stop signal; a tool's call has
+        none and ends at its `deadline`, seconds on the scale of `clock`. It waits for room as
+        long as it may. Raises `DecisionBudgetExceeded`, `DecisionStopped`, `DecisionTimeout`,
+        `DecisionUnavailable`, or `DecisionError` once its attempts are used up.
+        """
+        answer = self.cached(request, budget)
+        if answer is not None:
+            return answer
+        attempt = 1
+        while True:
+            try:
+                return self._attempt(request, budget, deadline)
+            except AttemptFailed as error:
+                if attempt >= self._attempts.limit:
+                    message = f"the decision call failed at attempt {attempt}, its last: {error}"
+                    raise DecisionError(message) from error
+            self._back_off(attempt, deadline)
+            self.tally.count_retry()
+            attempt += 1
+
+    def refused_for(self) -> float:
+        """Seconds for which the endpoint still refuses requests; 0.0: it may be asked."""
+        return self._client.refused_for()
+
+    def _attempt(
+        self, request: Request, budget: RunBudget | None, deadline: float | None
+    ) -> DecisionResult:
+        """One attempt, with an admission of its own: nothing is held between two attempts."""
+        self._client.check_open()
+        held = math.inf
+
+        def bound() -> float:
+            nonlocal held
+            held = self._rates.cost(request.size, request.feature)
+            return held
+
+        stopping = never if budget is None else budget.stopping
+        asked_at = self._clock()
+        with (
+            self._hold(budget, request) as pass_share,
+            self.spend.admit(
+                bound, deadline=deadline, clock=self._clock, stopping=stopping
+            ) as day_share,
+            self.tally.holding(held, self._clock() - asked_at),
+        ):
+            # Room that was found as the stop came must not start a call all the same.
+            if stopping():
+                raise DecisionStopped("the pass was asked to stop")
+            reply = self._ask(request, deadline)
+            pass_share.settle(reply)
+            day_share.settle(reply)
+            self._rates.learn(request.size, request.feature, reply)
+            # Settled first, recorded second: if this settlement starts a new day, the ledger's
+            # figure for that day must not hold the reply yet, or it would be counted twice.
+            self._ledger.record(request, reply)
+        return reply
+
+    def _hold(self, budget: RunBudget | None, request: Request) -> Share:
+        """The share of the pass; a tool's call has no pass, and its share is of nothing."""
+        return Share() if budget is None else budget.hold(self._rates.tokens(request.size))
+
+    def _ask(self, request: Request, deadline: float | None) -> DecisionResult:
+        timeout_s = self._attempts.timeout_s
+        if deadline is not None:
+            timeout_s = min(timeout_s, self._left(deadline))
+        try:
+            return self._client.ask(request, timeout_s)
+        except (LostReply, KeyboardInterrupt):
+            self._count_lost(request)
+            raise
+
+    def _count_lost(self, request: Request) -> None:
+        """Count an attempt that may be billed although nobody read its reply.
+
+        What it cost will never be known. It counts as the most that such a request may cost, so
+        that the day errs on the safe side; while the rates know no cost of its feature, as the
+        assumed cost. It is counted while the attempt still holds its share, so that no other
+        call is admitted on that room in between.
+        """
+        cost = self._rates.cost(request.size, request.feature)
+        if math.isinf(cost):
+            cost = self._attempts.assumed_cost
+        assumed = DecisionResult(decision="", cached=False, input_tokens=0, cost=cost)
+        self.spend.charge(assumed)
+        self.tally.count_lost(cost)
+        self._ledger.record_lost(request, assumed)
+
+    def _back_off(self, attempt: int, deadline: float | None) -> None:
+        pause_s = self._attempts.backoff_s * 2 ** (attempt - 1)
+        if deadline is not None:
+            pause_s = min(pause_s, self._left(deadline))
+        self._pause(pause_s)
+
+    def _left(self, deadline: float) -> float:
+        """Seconds until `deadline`; raises `DecisionTimeout` when there are none."""
+        left = deadline - self._clock()
+        if left <= 0.0:
+            raise DecisionTimeout("the decision call ran out of its deadline")
+        return left

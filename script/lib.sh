@@ -1,0 +1,28 @@
+# Sourced by the scripts: strict mode, the repository as the current folder, Debian's tools.
+# shellcheck shell=bash
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+export PATH="/usr/bin:$PATH" # another Python's cmake and ninja may come first
+cmake=${CMAKE:-/usr/bin/cmake}
+python=${PYTHON:-/usr/bin/python3}
+
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# Configures and builds one preset: build PRESET [CMAKE_ARGUMENT...]
+build() {
+  "$cmake" --preset "$1" -D Python3_EXECUTABLE="$python" "${@:2}" --log-level=WARNING
+  "$cmake" --build --preset "$1"
+}
+
+# Runs a preset's C++ tests.
+test_cpp() {
+  ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure
+}
+
+# Runs the Python tests with a preset's module.
+test_python() {
+  DECISION_BOUNDS_MODULE_DIR=build/$1/engines "$python" -m pytest tests/python
+}
