@@ -82,7 +82,7 @@ struct Method<Body> {
                          Py_ssize_t count, PyObject* keyword_names) {
     auto* state = static_cast<State*>(PyType_GetModuleState(defining));
     return guarded<PyObject*>(state, nullptr, [&] {
-      return Body(*state, *reinterpret_cast<Object*>(self),
+      return Body(alive(*state), *reinterpret_cast<Object*>(self),
                   {arguments, count, keyword_names, nullptr})
           .release();
     });

@@ -79,8 +79,8 @@ class HostCondition final : public Condition {
   void wait_for(double seconds) override;
   void notify_all() override;
 
-  /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if so:
-  /// another thread may have had it in between.
+  /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if
+  /// so: another thread may have had it in between.
   bool take_now();
   /// For a caller that has locked `condition` itself.
   void adopt(PyObject* condition) {

@@ -22,7 +22,7 @@ PyObject* function_entry(PyObject* module, PyObject* const* arguments, Py_ssize_
                          PyObject* keyword_names) {
   State& state = state_of_module(module);
   return guarded<PyObject*>(&state, nullptr, [&] {
-    return Body(state, {arguments, count, keyword_names, nullptr}).release();
+    return Body(alive(state), {arguments, count, keyword_names, nullptr}).release();
   });
 }
 
@@ -270,7 +270,7 @@ PyModuleDef module_definition = {
 State& state_of(PyTypeObject* type) {
   PyObject* module = PyType_GetModuleByDef(type, &module_definition);
   if (module == nullptr) throw_raised();
-  return state_of_module(module);
+  return alive(state_of_module(module));
 }
 
 Owned global(const State& state, Name name, PyObject* fallback) {

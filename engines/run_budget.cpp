@@ -98,10 +98,6 @@ class HostBudget final : public internal::RunBudgetSteps {
   HostCondition condition_;
 };
 
-constexpr Name fields[] = {
-    Name::max_calls,  Name::max_tokens, Name::calls,       Name::input_tokens, Name::cost,
-    Name::cache_hits, Name::in_flight,  Name::should_stop, Name::_held_tokens, Name::_changed};
-
 RunCounts as_counts(std::span<PyObject* const> values) {
   const auto count = [&](std::size_t i, const char* name) -> std::int64_t {
     return values[i] != nullptr ? as_int64(values[i], name) : 0;
@@ -116,8 +112,12 @@ RunCounts as_counts(std::span<PyObject* const> values) {
 }
 
 void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
-  Parameters<10> parameters{"RunBudget", {}, 10, 2};
-  std::copy(std::begin(fields), std::end(fields), parameters.names.begin());
+  constexpr Parameters<10> parameters{
+      "RunBudget",
+      {Name::max_calls, Name::max_tokens, Name::calls, Name::input_tokens, Name::cost,
+       Name::cache_hits, Name::in_flight, Name::should_stop, Name::_held_tokens, Name::_changed},
+      10,
+      2};
   const auto values = sorted(state, parameters, arguments);
   const RunCounts counts = as_counts(values);
   const auto or_new = [](PyObject* value, PyObject* factory) {

@@ -72,6 +72,12 @@ bool untouched(const Object* object, const OwnType& own) noexcept {
          (object->dict == nullptr || PyDict_GET_SIZE(object->dict) == 0);
 }
 
+/// Raises once the garbage collector has begun to take the module apart: nothing can run any more.
+inline State& alive(State& state) {
+  if (state.no_arguments == nullptr) raise(PyExc_RuntimeError, "decision_bounds is gone");
+  return state;
+}
+
 /// The state of the module that defined `type` or one of its bases.
 State& state_of(PyTypeObject* type);
 

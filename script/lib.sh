@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-export PATH="/usr/bin:$PATH" # another Python's cmake and ninja may come first
+export PATH="/usr/bin:$PATH" # a Python of the user's own may bring another cmake and ninja
 cmake=${CMAKE:-/usr/bin/cmake}
 python=${PYTHON:-/usr/bin/python3}
 
@@ -13,7 +13,7 @@ fail() {
 
 # Configures and builds one preset: build PRESET [CMAKE_ARGUMENT...]
 build() {
-  "$cmake" --preset "$1" -D Python3_EXECUTABLE="$python" "${@:2}" --log-level=WARNING
+  "$cmake" --preset "$1" --no-warn-unused-cli -D Python3_EXECUTABLE="$python" "${@:2}" >/dev/null
   "$cmake" --build --preset "$1"
 }
 
