@@ -35,7 +35,9 @@ void place(const State& state, const ParameterList& parameters, PyObject* keywor
 
 void set_error(const State* state) noexcept {
   const auto set = [state](PyObject* State::*type, const std::exception& error) {
-    PyErr_SetString(state != nullptr ? state->*type : PyExc_RuntimeError, error.what());
+    entering([&] {
+      PyErr_SetString(state != nullptr ? state->*type : PyExc_RuntimeError, error.what());
+    });
   };
   try {
     throw;
@@ -50,7 +52,7 @@ void set_error(const State* state) noexcept {
   } catch (const std::bad_alloc&) {
     PyErr_NoMemory();
   } catch (const std::exception& error) {
-    PyErr_SetString(PyExc_RuntimeError, error.what());
+    entering([&] { PyErr_SetString(PyExc_RuntimeError, error.what()); });
   }
 }
 

@@ -59,24 +59,24 @@ class HostSpend final : public internal::DailySpendSteps {
 
   Logger& logger() override { return logger_; }
 
-  double today_locked() override {
+  double today_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
     if (untouched_) return DailySpendSteps::today_locked();
     return as_double(call_method(object(), state_.name(Name::_today_locked)).get(),
                      "_today_locked()");
   }
 
-  double spent_since(const std::string& day) override {
+  double spent_since(const std::string& day) override DECISION_BOUNDS_REQUIRES(changed_) {
     if (untouched_) return DailySpendSteps::spent_since(day);
     const Owned date = to_python(day);
     return as_double(call_method(object(), state_.name(Name::_spent_since), date.get()).get(),
                      "_spent_since()");
   }
 
-  void wait(std::optional<double> deadline, const Clock& clock,
-            const StopSignal& stopping) override {
+  void wait(std::optional<double> deadline, const Clock& clock, const StopSignal& stopping) override
+      DECISION_BOUNDS_REQUIRES(changed_) {
     const Owned wait = global(state_, Name::_wait, state_.wait);
     if (wait.get() == state_.wait) {
-      internal::wait_for_room(condition_, stopping, deadline, clock, poll_seconds(state_));
+      internal::wait_for_room(changed_, stopping, deadline, clock, poll_seconds(state_));
       return;
     }
     const Owned keywords = checked(

@@ -125,15 +125,21 @@ PyTypeObject* transparent_lock_type(const State& state) {
   if (!PyCFunction_Check(method.get())) return nullptr;
   PyObject* lock = PyCFunction_GET_SELF(method.get());
   if (lock == nullptr || Py_TYPE(lock)->tp_basicsize != sizeof(ReentrantLock)) return nullptr;
-  const auto* layout = reinterpret_cast<const ReentrantLock*>(lock);
-  const bool before = layout->count == 0;
+  const auto shows = [lock](unsigned long count, unsigned long owner) {
+    const auto* layout = reinterpret_cast<const ReentrantLock*>(lock);
+    return layout->count == count && layout->owner == owner;
+  };
+  const unsigned long self = PyThread_get_thread_ident();
+  bool as_expected = shows(0, 0);
   call(method.get());
+  as_expected = as_expected && shows(1, self);
   call(method.get());
-  const bool taken = layout->count == 2 && layout->owner == PyThread_get_thread_ident();
+  as_expected = as_expected && shows(2, self);
   call_method(lock, state.name(Name::release));
-  const bool within = layout->count == 1;
+  as_expected = as_expected && shows(1, self);
   call_method(lock, state.name(Name::release));
-  return before && taken && within && layout->count == 0 ? Py_TYPE(lock) : nullptr;
+  as_expected = as_expected && shows(0, 0);
+  return as_expected ? Py_TYPE(lock) : nullptr;
 }
 
 int visit(const LockField& field, visitproc visit, void* arg) {
@@ -225,7 +231,7 @@ void HostCondition::enter() {
   hold_ = Hold::taken;
 }
 
-void HostCondition::acquire() {
+void HostCondition::acquire() const {
   call_builtin(Owned::copy(field_.acquire).get(), state_.no_arguments);
 }
 

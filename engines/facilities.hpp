@@ -94,7 +94,7 @@ class HostCondition final : public Condition {
 
  private:
   void enter();
-  void acquire();
+  void acquire() const;
   [[nodiscard]] bool owned() const;
 
   State& state_;

@@ -34,7 +34,7 @@ void throw_raised() {
 void raise(PyObject* type, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  PyErr_FormatV(type, format, arguments);
+  entering([&] { PyErr_FormatV(type, format, arguments); });
   va_end(arguments);
   throw_raised();
 }

@@ -55,23 +55,23 @@ class HostBudget final : public internal::RunBudgetSteps {
     return truth(call_method(object(), state_.name(Name::stopping)));
   }
 
-  bool exhausted_locked() override {
+  bool exhausted_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
     if (untouched_) return RunBudgetSteps::exhausted_locked();
     return truth(call_method(object(), state_.name(Name::_exhausted_locked)));
   }
 
-  std::string printed_summary_locked() override {
+  std::string printed_summary_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
     if (untouched_) return RunBudgetSteps::printed_summary_locked();
     const Owned summary = call_method(object(), state_.name(Name::_summary_locked));
     return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
   }
 
-  void wait() override {
+  void wait() override DECISION_BOUNDS_REQUIRES(changed_) {
     if (condition_.take_now()) return;  // there may be room by now: look again before waiting
     const Owned wait = global(state_, Name::_wait, state_.wait);
     if (wait.get() == state_.wait) {
       internal::wait_for_room(
-          condition_, [this] { return stopping(); }, std::nullopt, nullptr, poll_seconds(state_));
+          changed_, [this] { return stopping(); }, std::nullopt, nullptr, poll_seconds(state_));
     } else {
       const Owned signal = get(object(), state_.name(Name::stopping));
       call(wait.get(), condition_.object(), signal.get());

@@ -67,7 +67,7 @@ inline std::uint64_t attributes_version(const PyTypeObject* type) noexcept {
 /// Whether nothing about `object` can have been overridden: no subclass, no attribute of its type
 /// replaced, no attribute of its own. Only then may a step skip the look-up by name.
 template <class Object>
-bool untouched(const Object* object, const OwnType& own) noexcept {
+bool untouched(Object* object, const OwnType& own) noexcept {
   return Py_TYPE(object) == own.type && attributes_version(own.type) == own.version &&
          (object->dict == nullptr || PyDict_GET_SIZE(object->dict) == 0);
 }

@@ -5,9 +5,11 @@
 namespace decision_bounds {
 
 /// How a bound reads a reply of the decision endpoint. The client's own reply type implements it;
-/// the library only reads it, under the bound's lock, and passes out whatever a property throws.
-/// Where the library takes a `const PaidReply*`, nullptr means that the call was not paid: it ended
-/// in an error, a stop or an interrupt.
+/// the library only reads it, with a lock held, and passes out whatever a property throws. A
+/// property may use the bound that reads it, but not the RequestRates that does: that lock is a
+/// plain one. Costs and counts are added up as they are, negative ones and NaN too. Where the
+/// library takes a `const PaidReply*`, nullptr means that the call was not paid: it ended in an
+/// error, a stop or an interrupt.
 class PaidReply {
  public:
   virtual ~PaidReply() = default;
@@ -19,8 +21,5 @@ class PaidReply {
   /// What the reply cost, in US dollars.
   [[nodiscard]] virtual double cost() const = 0;
 };
-
-/// The stop signal that never comes. Any thread may call it.
-inline bool never() noexcept { return false; }
 
 }  // namespace decision_bounds

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -11,18 +10,15 @@
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
 #include "decision_bounds/share.hpp"
+#include "decision_bounds/stop_signal.hpp"
 
 namespace decision_bounds {
-
-/// Whether a pass has been asked to stop. May be called with a bound's lock held; must not wait for
-/// another thread that uses the same bound.
-using StopSignal = std::function<bool()>;
 
 /// The limits and counters of one batch pass. A count that would overflow stays at the largest
 /// value.
 struct RunCounts {
-  std::int64_t max_calls;         ///< paid calls at most, settled and in flight together
-  std::int64_t max_tokens;        ///< input tokens that the settled calls may use at most
+  std::int64_t max_calls = 0;     ///< paid calls at most, settled and in flight together
+  std::int64_t max_tokens = 0;    ///< input tokens that the settled calls may use at most
   std::int64_t calls = 0;         ///< paid calls settled with their reply
   std::int64_t input_tokens = 0;  ///< input tokens of the settled calls
   double cost = 0.0;              ///< US dollars that the settled calls cost
@@ -59,7 +55,8 @@ class RunBudget {
   /// `changed` is null.
   RunBudget(std::int64_t max_calls, std::int64_t max_tokens, StopSignal should_stop = never,
             std::unique_ptr<Condition> changed = nullptr);
-  /// Goes on from `counts`, for a pass that was begun elsewhere.
+  /// Goes on from `counts`, for a pass that was begun elsewhere. Calls that they count as in flight
+  /// are ended with release or charge.
   explicit RunBudget(const RunCounts& counts, StopSignal should_stop = never,
                      std::unique_ptr<Condition> changed = nullptr);
   RunBudget(const RunBudget&) = delete;  // its shares know it by its address
@@ -70,7 +67,8 @@ class RunBudget {
   /// call runs alone) and returns its share. Blocks while the calls in flight hold the rest of the
   /// tokens; sees a stop within 0.1 s. Throws DecisionStopped when the pass is stopping and
   /// DecisionBudgetExceeded when no call slot is free or the settled calls used up the tokens; then
-  /// nothing is held.
+  /// nothing is held. Settle the share with paid replies only: a cached one counts as a cache hit
+  /// and leaves the slot and the tokens held.
   Share hold(double tokens);
   /// Like hold, without a share: the caller ends the call with exactly one release or charge.
   void reserve(double tokens = 0.0);
