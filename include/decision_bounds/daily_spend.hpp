@@ -7,8 +7,8 @@
 
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
-#include "decision_bounds/run_budget.hpp"
 #include "decision_bounds/share.hpp"
+#include "decision_bounds/stop_signal.hpp"
 
 namespace decision_bounds {
 
@@ -16,8 +16,9 @@ namespace decision_bounds {
 /// day's spend.
 using Today = std::function<std::string()>;
 /// What the paid calls since the UTC date that it is given cost, in US dollars. Called with the
-/// account's lock held, once for each change of day. Empty: there is no ledger, each day begins at
-/// 0.
+/// account's lock held, once for each change of day. A std::exception is logged, and the day begins
+/// at 0; whatever else it throws passes out, and the day does not begin. Empty: there is no ledger,
+/// each day begins at 0.
 using Ledger = std::function<double(const std::string& day)>;
 /// The most that a call may cost, in US dollars; infinity when that is not known. Called with the
 /// account's lock held, before each test for room.
@@ -45,10 +46,12 @@ class DailySpend {
   /// within 0.1 s. Throws DecisionBudgetExceeded when the settled calls of today cost the cap (and
   /// logs the day's first refusal), DecisionTimeout, DecisionStopped, and whatever a function that
   /// it is given throws; then nothing is held. A call that finds room at once looks at neither the
-  /// deadline nor `stopping`.
+  /// deadline nor `stopping`. Throws std::invalid_argument for an empty `bound` or `stopping`, and
+  /// for an empty `clock` with a deadline.
   Share admit(const CostBound& bound, std::optional<double> deadline, const Clock& clock,
               const StopSignal& stopping);
-  /// What the paid calls of today cost so far, in US dollars.
+  /// What the paid calls of today cost so far, in US dollars. Like every reading of the day's spend
+  /// it may begin a new day: it asks the ledger then, and passes out what `today` throws.
   [[nodiscard]] double spent();
   /// Counts an attempt that no share stands for: sent, and billed perhaps, but its reply was never
   /// read.

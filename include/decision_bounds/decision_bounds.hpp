@@ -10,3 +10,4 @@
 #include "decision_bounds/run_budget.hpp"
 #include "decision_bounds/share.hpp"
 #include "decision_bounds/std_host.hpp"
+#include "decision_bounds/stop_signal.hpp"

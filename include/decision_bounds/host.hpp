@@ -45,7 +45,8 @@ class DECISION_BOUNDS_CAPABILITY("condition") Condition {
   virtual void notify_all() DECISION_BOUNDS_REQUIRES(this) = 0;
 };
 
-/// An argument of a log record: a text for %s, a number for %f with a precision such as %.4f.
+/// An argument of a log record: a text for %s, a number for %f with a precision such as %.4f. The
+/// text lives as long as the call that passes it.
 using LogArgument = std::variant<std::string_view, double>;
 
 /// Where warnings go. The library calls it from any thread, sometimes with a bound's lock held.
@@ -57,7 +58,7 @@ class Logger {
   virtual ~Logger() = default;
 
   /// Logs `format` (printf-style) with `arguments` at level warning. `error` is the error that the
-  /// library absorbed, or null.
+  /// library absorbed, or null. What it throws passes out of the operation that logged.
   virtual void warning(std::string_view format, std::span<const LogArgument> arguments,
                        std::exception_ptr error) = 0;
 };

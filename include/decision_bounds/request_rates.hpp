@@ -27,7 +27,8 @@ class RequestRates {
   /// Input tokens, bounded in the same way. Infinity until any reply has been learned.
   [[nodiscard]] double tokens(std::int64_t size);
   /// Takes in the paid reply to a request of `size` bytes. Passes out what reading the reply
-  /// throws; the steps before it stay done.
+  /// throws; the steps before it stay done. A charge that is no number, or below the most, teaches
+  /// nothing.
   void learn(std::int64_t size, std::string_view feature, const PaidReply& reply);
 
  private:

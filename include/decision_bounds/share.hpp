@@ -15,7 +15,10 @@ namespace decision_bounds {
 ///     share.settle(&reply);
 ///
 /// The bound must outlive the shares that it handed out. Several threads may settle one share: its
-/// action runs once. Moving a share is not safe while another thread uses it.
+/// action runs once. Moving a share is not safe while another thread uses it; the share that was
+/// moved from holds nothing. To replace one, keep it in a std::optional and emplace. The destructor
+/// may throw, which standard containers and smart pointers do not allow: settle a share that is
+/// kept in one before it goes.
 class [[nodiscard]] Share {
  public:
   /// Gives the held amount back to the bound, counting the reply if there is one.
