@@ -36,7 +36,6 @@ class HostSpend final : public internal::DailySpendSteps {
       : DailySpendSteps(self.account, held_, condition_),
         state_(state),
         self_(self),
-        untouched_(untouched(&self, state.daily_spend)),
         condition_(state, object(), self.changed, Section::calls_python, locking),
         held_(state, object(), self.held, "_held"),
         logger_(state) {}
@@ -60,13 +59,13 @@ class HostSpend final : public internal::DailySpendSteps {
   Logger& logger() override { return logger_; }
 
   double today_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (untouched_) return DailySpendSteps::today_locked();
+    if (is_untouched()) return DailySpendSteps::today_locked();
     return as_double(call_method(object(), state_.name(Name::_today_locked)).get(),
                      "_today_locked()");
   }
 
   double spent_since(const std::string& day) override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (untouched_) return DailySpendSteps::spent_since(day);
+    if (is_untouched()) return DailySpendSteps::spent_since(day);
     const Owned date = to_python(day);
     return as_double(call_method(object(), state_.name(Name::_spent_since), date.get()).get(),
                      "_spent_since()");
@@ -94,15 +93,14 @@ class HostSpend final : public internal::DailySpendSteps {
         [stopping = waiting.stopping] { return truth(call(stopping)); });
   }
 
-  [[nodiscard]] bool is_untouched() const noexcept { return untouched_; }
   void finish() const { condition_.finish(); }
 
  private:
   [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
+  [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.daily_spend); }
 
   State& state_;
   DailySpendObject& self_;
-  bool untouched_;
   HostCondition condition_;
   HostHeld held_;
   HostLogger logger_;
@@ -132,6 +130,7 @@ void init(State& state, DailySpendObject& self, const Arguments& arguments) {
   Owned held = call(reinterpret_cast<PyObject*>(state.held.type));
   Owned changed = call(reinterpret_cast<PyObject*>(state.condition.type));
   self.account = {.cap = cap, .day = {}};
+  self.deleted = 0;
   Owned::steal(std::exchange(self.today, today.release()));
   Owned::steal(std::exchange(self.ledger, ledger.release()));
   Owned::steal(std::exchange(self.held, held.release()));
@@ -195,22 +194,6 @@ Owned spent_since(State& state, DailySpendObject& self,
   return to_python(HostSpend(state, self).DailySpendSteps::spent_since(day));
 }
 
-std::string& day_of(PyObject* self) {
-  return reinterpret_cast<DailySpendObject*>(self)->account.day;
-}
-
-PyObject* get_day(PyObject* self, void*) {
-  return guarded<PyObject*>(nullptr, nullptr, [=] { return to_python(day_of(self)).release(); });
-}
-
-int set_day(PyObject* self, PyObject* value, void*) {
-  return guarded<int>(nullptr, -1, [=] {
-    require_value(value, "_day");
-    day_of(self) = as_string(value, "_day");
-    return 0;
-  });
-}
-
 }  // namespace
 
 void give_back_dollars(State& state, PyObject* object, PyObject* held, PyObject* reply) {
@@ -227,22 +210,22 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
   static Field cap{"_cap", offsetof(Object, account.cap)};
   static Field today{"_today", offsetof(Object, today), check_callable};
   static Field ledger{"_ledger", offsetof(Object, ledger), check_callable_or_none};
-  static Field changed{"_changed", offsetof(Object, changed.object)};
-  static Field held{"_held", offsetof(Object, held)};
+  static Field changed{"_changed", offsetof(Object, changed.object), check_condition};
+  static Field held{"_held", offsetof(Object, held), check_held};
+  static Field day{"_day", offsetof(Object, account.day)};
   static Field cost{"_cost", offsetof(Object, account.cost)};
   static Field capped{"_capped", offsetof(Object, account.capped)};
-  static PyGetSetDef attributes[] = {
-      double_field(cap),    object_field(today),
-      object_field(ledger), object_field(changed),
-      object_field(held),   {"_day", get_day, set_day, nullptr, nullptr},
-      double_field(cost),   bool_field(capped),
-      dict_attribute(),     {}};
+  static PyGetSetDef attributes[] = {double_field(cap),    object_field(today),
+                                     object_field(ledger), object_field(changed),
+                                     object_field(held),   text_field(day),
+                                     double_field(cost),   bool_field(capped),
+                                     dict_attribute(),     {}};
   static PyMethodDef methods[] = {
       method<spent>("spent",
                     "spent($self)\n--\n\n"
                     "What the paid calls of today (UTC) cost so far, in US dollars. Begins a new\n"
                     "day from the ledger when today() names another date; passes out what today()\n"
-                    "raises."),
+                    "raises. Blocks for the lock, and for the ledger on a new day."),
       method<admit>(
           "admit",
           "admit($self, bound, *, deadline, clock, stopping)\n--\n\n"
@@ -262,7 +245,8 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
           "charge",
           "charge($self, reply)\n--\n\n"
           "Counts, in US dollars, an attempt that no share stands for: sent, and billed\n"
-          "perhaps, but its reply was never read. Wakes every waiting call."),
+          "perhaps, but its reply was never read. Wakes every waiting call. Blocks\n"
+          "as spent() does."),
       method<give_back>(
           "_give_back",
           "_give_back($self, held, reply)\n--\n\n"

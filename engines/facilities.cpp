@@ -87,7 +87,8 @@ bool plain(const State& state, ConditionField& field) {
 
 /// How CPython 3.11 lays out a re-entrant lock, which has no method that says whether it is free.
 struct ReentrantLock {
-  PyObject_HEAD PyThread_type_lock lock;
+  PyObject_HEAD
+  PyThread_type_lock lock;
   unsigned long owner;
   unsigned long count;
   PyObject* weakrefs;

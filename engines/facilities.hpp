@@ -79,6 +79,8 @@ class HostCondition final : public Condition {
   void wait_for(double seconds) override;
   void notify_all() override;
 
+  /// Until lock().
+  void set_section(Section section) noexcept { section_ = section; }
   /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if
   /// so: another thread may have had it in between.
   bool take_now();

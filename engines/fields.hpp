@@ -7,6 +7,12 @@
 
 namespace decision_bounds::python {
 
+/// How an object begins that has fields which are not objects.
+struct Plain {
+  PyObject_HEAD
+  std::uint32_t deleted;  // a bit a field, by its offset
+};
+
 struct Field {
   const char* name;
   std::size_t offset;
@@ -20,11 +26,18 @@ PyObject* get_double(PyObject* self, void* field);
 int set_double(PyObject* self, PyObject* value, void* field);
 PyObject* get_bool(PyObject* self, void* field);
 int set_bool(PyObject* self, PyObject* value, void* field);
+PyObject* get_text(PyObject* self, void* field);
+int set_text(PyObject* self, PyObject* value, void* field);
 PyObject* get_object(PyObject* self, void* field);
 int set_object(PyObject* self, PyObject* value, void* field);
 
 void check_callable(PyObject* self, PyObject* value, const char* name);
 void check_callable_or_none(PyObject* self, PyObject* value, const char* name);
+/// These ask for the methods that the module calls.
+void check_lock(PyObject* self, PyObject* value, const char* name);
+void check_condition(PyObject* self, PyObject* value, const char* name);
+void check_charges(PyObject* self, PyObject* value, const char* name);
+void check_held(PyObject* self, PyObject* value, const char* name);
 
 /// Raises AttributeError for a field that was never set, or deleted.
 [[noreturn]] void raise_unset(PyObject* self, const char* name);
@@ -44,11 +57,11 @@ inline PyGetSetDef double_field(Field& field) noexcept {
 inline PyGetSetDef bool_field(Field& field) noexcept {
   return {field.name, get_bool, set_bool, nullptr, &field};
 }
+inline PyGetSetDef text_field(Field& field) noexcept {
+  return {field.name, get_text, set_text, nullptr, &field};
+}
 inline PyGetSetDef object_field(Field& field) noexcept {
   return {field.name, get_object, set_object, nullptr, &field};
 }
-
-/// A value of a field that is about to be set; raises TypeError for a deletion.
-void require_value(PyObject* value, const char* name);
 
 }  // namespace decision_bounds::python

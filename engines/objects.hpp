@@ -12,7 +12,9 @@
 namespace decision_bounds::python {
 
 struct HeldObject {
-  PyObject_HEAD internal::Held record;
+  PyObject_HEAD
+  std::uint32_t deleted;
+  internal::Held record;
   PyObject *dict, *weakrefs;
 
   int traverse(visitproc visit, void* arg) const;
@@ -20,7 +22,9 @@ struct HeldObject {
 };
 
 struct ChargesObject {
-  PyObject_HEAD internal::Charges record;
+  PyObject_HEAD
+  std::uint32_t deleted;
+  internal::Charges record;
   PyObject *dict, *weakrefs;
 
   int traverse(visitproc visit, void* arg) const;
@@ -38,7 +42,8 @@ enum class Action : int {
 
 /// A share handed out by a bound makes its action a Python object only when somebody asks for it.
 struct ShareObject {
-  PyObject_HEAD Action action;
+  PyObject_HEAD
+  Action action;
   PyObject *target, *amount;
   PyObject *dict, *weakrefs;
 
@@ -47,7 +52,8 @@ struct ShareObject {
 };
 
 struct RequestRatesObject {
-  PyObject_HEAD LockField lock;
+  PyObject_HEAD
+  LockField lock;
   PyObject *cost, *tokens, *features;
   PyObject *dict, *weakrefs;
 
@@ -56,7 +62,9 @@ struct RequestRatesObject {
 };
 
 struct RunBudgetObject {
-  PyObject_HEAD RunCounts counts;
+  PyObject_HEAD
+  std::uint32_t deleted;
+  RunCounts counts;
   PyObject *should_stop, *held_tokens;
   ConditionField changed;
   PyObject *dict, *weakrefs;
@@ -66,7 +74,9 @@ struct RunBudgetObject {
 };
 
 struct DailySpendObject {
-  PyObject_HEAD internal::DailyAccount account;
+  PyObject_HEAD
+  std::uint32_t deleted;
+  internal::DailyAccount account;
   PyObject *today, *ledger, *held;
   ConditionField changed;
   PyObject *dict, *weakrefs;

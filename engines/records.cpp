@@ -28,6 +28,7 @@ void init_held(State& state, HeldObject& self, const Arguments& arguments) {
   self.record = {.holders = int64_or(holders, "holders", 0),
                  .amount = double_or(amount, "amount", 0.0),
                  .unbounded = int64_or(unbounded, "unbounded", 0)};
+  self.deleted = 0;
 }
 
 Owned admits(State& state, HeldObject& self, const Arguments& arguments) {
@@ -55,7 +56,8 @@ Owned reduce_held(State& state, HeldObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"__reduce__", {}}, arguments);
   const internal::Held& held = self.record;
   return checked([&] {
-    return Py_BuildValue("O(LdL)", Py_TYPE(&self), held.holders, held.amount, held.unbounded);
+    return Py_BuildValue("O(LdL)O", Py_TYPE(&self), held.holders, held.amount, held.unbounded,
+                         self.dict != nullptr ? self.dict : Py_None);
   });
 }
 
@@ -66,6 +68,7 @@ void init_charges(State& state, ChargesObject& self, const Arguments& arguments)
   const auto [per_byte, per_call] = sorted(state, parameters, arguments);
   self.record = {.per_byte = double_or(per_byte, "per_byte", 0.0),
                  .per_call = double_or(per_call, "per_call", 0.0)};
+  self.deleted = 0;
 }
 
 Owned bound(State& state, ChargesObject& self, const Arguments& arguments) {
@@ -84,7 +87,8 @@ Owned learn(State& state, ChargesObject& self, const Arguments& arguments) {
 Owned reduce_charges(State& state, ChargesObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"__reduce__", {}}, arguments);
   return checked([&] {
-    return Py_BuildValue("O(dd)", Py_TYPE(&self), self.record.per_byte, self.record.per_call);
+    return Py_BuildValue("O(dd)O", Py_TYPE(&self), self.record.per_byte, self.record.per_call,
+                         self.dict != nullptr ? self.dict : Py_None);
   });
 }
 

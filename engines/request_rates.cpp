@@ -22,18 +22,18 @@ void RequestRatesObject::clear() noexcept {
 namespace {
 
 /// The set of features, and the one that an operation is about.
-class HostFeatures final : public internal::Features {
+class HostFeatures {
  public:
   explicit HostFeatures(RequestRatesObject& self, PyObject* feature = nullptr)
       : features_(Owned::copy(
             set_or_raise(self.features, reinterpret_cast<PyObject*>(&self), "_features"))),
         feature_(feature) {}
 
-  bool empty() override { return PySet_GET_SIZE(features_.get()) == 0; }
-  bool known() override {
+  [[nodiscard]] bool empty() const { return PySet_GET_SIZE(features_.get()) == 0; }
+  [[nodiscard]] bool known() const {
     return checked_count([this] { return PySet_Contains(features_.get(), feature_); }) != 0;
   }
-  void add() override {
+  void add() {
     checked_count([this] { return PySet_Add(features_.get(), feature_); });
   }
 
@@ -42,28 +42,57 @@ class HostFeatures final : public internal::Features {
   PyObject* feature_;
 };
 
+/// The maxima in an attribute: a record of the module's own, or whatever the host put there.
+class HostMaxima {
+ public:
+  HostMaxima(const State& state, RequestRatesObject& self, PyObject* field, const char* name)
+      : state_(state),
+        object_(Owned::copy(set_or_raise(field, reinterpret_cast<PyObject*>(&self), name))) {}
+
+  /// Whether its steps run no Python code.
+  [[nodiscard]] bool is_plain() const noexcept {
+    return Py_TYPE(object_.get()) == state_.charges.type && untouched(charges(), state_.charges);
+  }
+
+  [[nodiscard]] double bound(std::int64_t size) const {
+    if (is_plain()) return charges()->record.bound(size);
+    const Owned bytes = to_python(size);
+    return as_double(call_method(object_.get(), state_.name(Name::bound), bytes.get()).get(),
+                     "bound()");
+  }
+
+  void learn(std::int64_t size, double charge) {
+    if (is_plain()) return charges()->record.learn(size, charge);
+    const Owned bytes = to_python(size);
+    const Owned paid = to_python(charge);
+    call_method(object_.get(), state_.name(Name::learn), bytes.get(), paid.get());
+  }
+
+ private:
+  [[nodiscard]] ChargesObject* charges() const noexcept {
+    return reinterpret_cast<ChargesObject*>(object_.get());
+  }
+
+  const State& state_;
+  Owned object_;
+};
+
 /// One operation on a RequestRates.
 class HostRates {
  public:
   HostRates(State& state, RequestRatesObject& self, Section section)
-      : lock_(state, reinterpret_cast<PyObject*>(&self), self.lock, section),
-        cost_(charges(self, self.cost, "_cost")),
-        tokens_(charges(self, self.tokens, "_tokens")),
-        steps_(lock_, record(cost_), record(tokens_)) {}
+      : cost_(state, self, self.cost, "_cost"),
+        tokens_(state, self, self.tokens, "_tokens"),
+        lock_(state, reinterpret_cast<PyObject*>(&self), self.lock,
+              cost_.is_plain() && tokens_.is_plain() ? section : Section::calls_python),
+        steps_(lock_, cost_, tokens_) {}
 
-  internal::RequestRatesSteps* operator->() { return &steps_; }
+  auto* operator->() { return &steps_; }
 
  private:
-  static Owned charges(RequestRatesObject& self, PyObject* field, const char* name) {
-    return Owned::copy(set_or_raise(field, reinterpret_cast<PyObject*>(&self), name));
-  }
-  static internal::Charges& record(const Owned& charges) {
-    return reinterpret_cast<ChargesObject*>(charges.get())->record;
-  }
-
+  HostMaxima cost_, tokens_;
   HostLock lock_;
-  Owned cost_, tokens_;
-  internal::RequestRatesSteps steps_;
+  internal::RequestRatesSteps<HostMaxima, HostFeatures> steps_;
 };
 
 /// Features are told apart as exact strings, whatever a subclass of str says of equality.
@@ -72,12 +101,6 @@ Owned as_feature(PyObject* feature) {
     raise(PyExc_TypeError, "feature must be a str, not %.200s", Py_TYPE(feature)->tp_name);
   }
   return checked([=] { return PyUnicode_FromObject(feature); });
-}
-
-void check_charges(PyObject* self, PyObject* value, const char* name) {
-  if (!PyObject_TypeCheck(value, state_of(self).charges.type)) {
-    raise(PyExc_TypeError, "%s must be a _Charges, not %.200s", name, Py_TYPE(value)->tp_name);
-  }
 }
 
 void check_set(PyObject*, PyObject* value, const char* name) {
@@ -129,7 +152,7 @@ Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) 
 }  // namespace
 
 PyTypeObject* make_request_rates_type(PyObject* module) {
-  static Field lock{"_lock", offsetof(RequestRatesObject, lock.object)};
+  static Field lock{"_lock", offsetof(RequestRatesObject, lock.object), check_lock};
   static Field cost_field{"_cost", offsetof(RequestRatesObject, cost), check_charges};
   static Field tokens_field{"_tokens", offsetof(RequestRatesObject, tokens), check_charges};
   static Field features{"_features", offsetof(RequestRatesObject, features), check_set};

@@ -45,23 +45,24 @@ class HostBudget final : public internal::RunBudgetSteps {
       : RunBudgetSteps(self.counts, held_, condition_),
         state_(state),
         self_(self),
-        untouched_(untouched(&self, state.run_budget)),
+        section_(section),
         held_(state, object(), self.held_tokens, "_held_tokens"),
-        condition_(state, object(), self.changed,
-                   untouched_ && held_.is_plain() ? section : Section::calls_python, locking) {}
+        condition_(state, object(), self.changed, section_now(), locking) {}
 
   bool stopping() override {
-    if (untouched_) return should_stop(state_, self_);
-    return truth(call_method(object(), state_.name(Name::stopping)));
+    const bool answer = is_untouched() ? should_stop(state_, self_)
+                                       : truth(call_method(object(), state_.name(Name::stopping)));
+    condition_.set_section(section_now());  // the signal may have put other steps in place
+    return answer;
   }
 
   bool exhausted_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (untouched_) return RunBudgetSteps::exhausted_locked();
+    if (is_untouched()) return RunBudgetSteps::exhausted_locked();
     return truth(call_method(object(), state_.name(Name::_exhausted_locked)));
   }
 
   std::string printed_summary_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (untouched_) return RunBudgetSteps::printed_summary_locked();
+    if (is_untouched()) return RunBudgetSteps::printed_summary_locked();
     const Owned summary = call_method(object(), state_.name(Name::_summary_locked));
     return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
   }
@@ -80,20 +81,24 @@ class HostBudget final : public internal::RunBudgetSteps {
 
   Owned summary() {
     return locked([this] {
-      if (untouched_) return as_dict(state_, self_.counts);
+      if (is_untouched()) return as_dict(state_, self_.counts);
       return call_method(object(), state_.name(Name::_summary_locked));
     });
   }
 
-  [[nodiscard]] bool is_untouched() const noexcept { return untouched_; }
+  [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.run_budget); }
   void finish() const { condition_.finish(); }
 
  private:
   [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
 
+  [[nodiscard]] Section section_now() const noexcept {
+    return is_untouched() && held_.is_plain() ? section_ : Section::calls_python;
+  }
+
   State& state_;
   RunBudgetObject& self_;
-  bool untouched_;
+  Section section_;
   HostHeld held_;
   HostCondition condition_;
 };
@@ -120,14 +125,19 @@ void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
       2};
   const auto values = sorted(state, parameters, arguments);
   const RunCounts counts = as_counts(values);
+  if (values[8] != nullptr) check_held(nullptr, values[8], "_held_tokens");
+  if (values[9] != nullptr) check_condition(nullptr, values[9], "_changed");
   const auto or_new = [](PyObject* value, PyObject* factory) {
     return value != nullptr ? Owned::copy(value) : call(factory);
   };
+
   Owned should_stop =
       Owned::copy(values[7] != nullptr ? as_callable(values[7], "should_stop") : state.never);
   Owned held = or_new(values[8], reinterpret_cast<PyObject*>(state.held.type));
   Owned changed = or_new(values[9], reinterpret_cast<PyObject*>(state.condition.type));
   self.counts = counts;
+  self.deleted = 0;
+
   Owned::steal(std::exchange(self.should_stop, should_stop.release()));
   Owned::steal(std::exchange(self.held_tokens, held.release()));
   Owned::steal(std::exchange(self.changed.object, changed.release()));
@@ -198,7 +208,8 @@ Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
 Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
-  const double tokens = as_tokens(reserved);
+  const std::optional<double> tokens =
+      reserved != nullptr ? std::optional(as_tokens(reserved)) : std::nullopt;
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
   budget.charge(HostReply(state, as_reply(result, "result")), tokens);
   budget.finish();
@@ -231,8 +242,8 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
   static Field cache_hits{"cache_hits", offsetof(Object, counts.cache_hits)};
   static Field in_flight{"in_flight", offsetof(Object, counts.in_flight)};
   static Field stop{"should_stop", offsetof(Object, should_stop), check_callable};
-  static Field held{"_held_tokens", offsetof(Object, held_tokens)};
-  static Field changed{"_changed", offsetof(Object, changed.object)};
+  static Field held{"_held_tokens", offsetof(Object, held_tokens), check_held};
+  static Field changed{"_changed", offsetof(Object, changed.object), check_condition};
   static PyGetSetDef attributes[] = {
       int64_field(max_calls),    int64_field(max_tokens), int64_field(calls),
       int64_field(input_tokens), double_field(cost),      int64_field(cache_hits),
@@ -246,14 +257,17 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
           "exhausted",
           "exhausted($self)\n--\n\n"
           "Whether a new call would be refused: no call slot is free (calls in flight\n"
-          "count as used), or the settled calls used up the input tokens."),
+          "count as used), or the settled calls used up the input tokens. Blocks only for\n"
+          "the lock."),
       method<exhausted_locked>("_exhausted_locked",
                                "_exhausted_locked($self)\n--\n\n"
                                "exhausted() for a caller that holds the lock of _changed."),
-      method<summary>("summary",
-                      "summary($self)\n--\n\n"
-                      "The pass's counts and limits, a new dict: calls, cache_hits, input_tokens,\n"
-                      "cost_usd (US dollars, rounded to 6 decimals), max_calls, max_tokens."),
+      method<summary>(
+          "summary",
+          "summary($self)\n--\n\n"
+          "The pass's counts and limits, a new dict: calls, cache_hits, input_tokens,\n"
+          "cost_usd (US dollars, rounded to 6 decimals), max_calls, max_tokens. Blocks only\n"
+          "for the lock."),
       method<summary_locked>("_summary_locked",
                              "_summary_locked($self)\n--\n\n"
                              "summary() for a caller that holds the lock of _changed."),
@@ -274,13 +288,15 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
       method<release>("release",
                       "release($self, tokens=0.0)\n--\n\n"
                       "Gives back the slot and the tokens of a call that ended without a paid\n"
-                      "reply, and wakes every waiting call."),
-      method<charge>("charge",
-                     "charge($self, result, tokens=0.0)\n--\n\n"
-                     "Counts the reply of a call that reserved tokens, gives back what the call\n"
-                     "held, and wakes every waiting call. A cached result only counts as a cache\n"
-                     "hit. What reading the result raises passes out after what the call held has\n"
-                     "been given back."),
+                      "reply, and wakes every waiting call. Blocks only for the lock."),
+      method<charge>(
+          "charge",
+          "charge($self, result, tokens=0.0)\n--\n\n"
+          "Counts the reply of a call that reserved tokens, gives back what the call\n"
+          "held, and wakes every waiting call. A cached result only counts as a cache\n"
+          "hit, and needs no tokens. What reading the result raises passes out after\n"
+          "what the call held has been given back; without tokens a result whose cached\n"
+          "cannot be read changes nothing. Blocks only for the lock."),
       {}};
   return make_type<Object>(
       module,

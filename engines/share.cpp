@@ -64,19 +64,23 @@ PyObject* get_action(PyObject* object, void*) {
   });
 }
 
-void set_action(ShareObject& self, PyObject* give_back) noexcept {
-  const Owned target = Owned::steal(self.target);
-  const Owned amount = Owned::steal(self.amount);
-  self.action = give_back == Py_None ? Action::done : Action::callable;
-  self.target = give_back == Py_None ? nullptr : Owned::copy(give_back).release();
-  self.amount = nullptr;
+void set_action(ShareObject& self, Action action, PyObject* target) noexcept {
+  self.action = action;
+  const Owned amount = Owned::steal(std::exchange(self.amount, nullptr));
+  const Owned before = Owned::steal(std::exchange(self.target, Owned::copy(target).release()));
 }
 
 int set_action_attribute(PyObject* self, PyObject* value, void*) {
   return guarded<int>(nullptr, -1, [&] {
-    require_value(value, "_give_back");
-    if (value != Py_None) as_callable(value, "_give_back");
-    set_action(*reinterpret_cast<ShareObject*>(self), value);
+    auto& share = *reinterpret_cast<ShareObject*>(self);
+    if (value == nullptr) {
+      if (share.action == Action::unset) raise_unset(self, "_give_back");
+      set_action(share, Action::unset, nullptr);
+    } else if (value == Py_None) {
+      set_action(share, Action::done, nullptr);
+    } else {
+      set_action(share, Action::callable, as_callable(value, "_give_back"));
+    }
     return 0;
   });
 }
@@ -86,7 +90,8 @@ int set_action_attribute(PyObject* self, PyObject* value, void*) {
 void init(State& state, ShareObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"Share", {Name::give_back}, 1, 0};
   PyObject* give_back = sorted(state, parameters, arguments)[0];
-  set_action(self, give_back != nullptr ? as_callable(give_back, "give_back") : state.nothing);
+  set_action(self, Action::callable,
+             give_back != nullptr ? as_callable(give_back, "give_back") : state.nothing);
 }
 
 void settle_with(State& state, ShareObject& self, PyObject* reply) {

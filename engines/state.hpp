@@ -14,7 +14,7 @@ namespace decision_bounds::python {
 #define DECISION_BOUNDS_NAMES(X)                                                               \
   X(acquire) X(admits) X(amount) X(bound) X(cached) X(cache_hits) X(calls) X(cap) X(changed)   \
   X(charge) X(clock) X(cost) X(deadline) X(exc_info) X(feature) X(give_back) X(held)           \
-  X(holders) X(in_flight) X(input_tokens) X(ledger) X(limit) X(locked) X(logger) X(max_calls)            \
+  X(holders) X(in_flight) X(input_tokens) X(learn) X(ledger) X(limit) X(locked) X(logger) X(max_calls)            \
   X(max_tokens) X(notify_all) X(per_byte) X(per_call) X(release) X(reply) X(reserve) X(result) \
   X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) X(today) X(tokens) X(unbounded)\
   X(used) X(wait) X(warning) X(day) X(_POLL_S) X(_changed) X(_exhausted_locked) X(_give_back)  \

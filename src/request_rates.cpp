@@ -4,6 +4,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "charges.hpp"
 #include "decision_bounds/std_host.hpp"
 #include "request_rates_steps.hpp"
 
@@ -18,13 +19,13 @@ struct TextHash {
 };
 using FeatureSet = std::unordered_set<std::string, TextHash, std::equal_to<>>;
 
-class SetFeatures final : public internal::Features {
+class SetFeatures {
  public:
   explicit SetFeatures(FeatureSet& all, std::string_view one = {}) : all_(all), one_(one) {}
 
-  bool empty() override { return all_.empty(); }
-  bool known() override { return all_.contains(one_); }
-  void add() override {
+  [[nodiscard]] bool empty() const { return all_.empty(); }
+  [[nodiscard]] bool known() const { return all_.contains(one_); }
+  void add() {
     if (!known()) all_.emplace(one_);
   }
 
@@ -35,7 +36,8 @@ class SetFeatures final : public internal::Features {
 
 }  // namespace
 
-class RequestRates::Steps final : public internal::RequestRatesSteps {
+class RequestRates::Steps final
+    : public internal::RequestRatesSteps<internal::Charges, SetFeatures> {
  public:
   explicit Steps(std::unique_ptr<Lock> lock)
       : RequestRatesSteps(*lock, cost_, tokens_), owned_(std::move(lock)) {}

@@ -90,6 +90,7 @@ Share RunBudget::hold(double tokens) {
 void RunBudget::reserve(double tokens) { steps_->reserve(tokens); }
 void RunBudget::release(double tokens) { steps_->release(tokens); }
 void RunBudget::charge(const PaidReply& reply, double tokens) { steps_->charge(reply, tokens); }
+void RunBudget::charge(const PaidReply& reply) { steps_->charge(reply, std::nullopt); }
 bool RunBudget::stopping() { return steps_->stopping(); }
 bool RunBudget::exhausted() { return steps_->exhausted(); }
 RunSummary RunBudget::summary() { return summary_of(counts()); }

@@ -16,10 +16,8 @@ void RunBudgetSteps::reserve(double tokens) {
     if (exhausted_locked()) {
       throw DecisionBudgetExceeded("decision budget exhausted: " + printed_summary_locked());
     }
-    if (held_.admits(tokens, static_cast<double>(counts_.input_tokens),
-                     static_cast<double>(counts_.max_tokens))) {
-      break;
-    }
+    const auto [used, limit] = in_order(counts_.input_tokens, counts_.max_tokens);
+    if (held_.admits(tokens, used, limit)) break;
     wait();
   }
   counts_.in_flight = saturating_add(counts_.in_flight, 1);
@@ -41,18 +39,22 @@ void RunBudgetSteps::release(double tokens) {
   guard.unlock();
 }
 
-void RunBudgetSteps::charge(const PaidReply& reply, double tokens) {
+void RunBudgetSteps::charge(const PaidReply& reply, std::optional<double> reserved) {
   Guard guard(changed_);
-  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
-  OnError leave([&]() DECISION_BOUNDS_NO_ANALYSIS { leave_locked(tokens); });
+  const double tokens = reserved.value_or(0.0);
+  OnError unread([&]() DECISION_BOUNDS_NO_ANALYSIS {
+    leave_locked(tokens);
+    changed_.notify_all();
+  });
+  if (!reserved) unread.dismiss();  // there is no call to end, and it must not end another's
   const bool cached = reply.cached();
-  leave.dismiss();
+  unread.dismiss();
   if (cached) {
-    wake.dismiss();
     counts_.cache_hits = saturating_add(counts_.cache_hits, 1);
     guard.unlock();
     return;
   }
+  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
   leave_locked(tokens);
   counts_.calls = saturating_add(counts_.calls, 1);
   const std::int64_t input_tokens = reply.input_tokens();  // may itself use the budget

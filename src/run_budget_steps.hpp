@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "decision_bounds/host.hpp"
@@ -21,7 +22,8 @@ class RunBudgetSteps {
 
   void reserve(double tokens);
   void release(double tokens);
-  void charge(const PaidReply& reply, double tokens);
+  /// `reserved`: what the call that ends reserved; none when there was no call, as for a cache hit.
+  void charge(const PaidReply& reply, std::optional<double> reserved);
   /// Ends a call that reserved `tokens`: charges `reply`, or releases when there is none.
   void give_back(double tokens, const PaidReply* reply);
   bool exhausted();

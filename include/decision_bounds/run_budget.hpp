@@ -77,7 +77,10 @@ class RunBudget {
   /// Counts the reply of a call that reserved `tokens`, and gives back what it held. A cached reply
   /// only counts as a cache hit. Whatever reading the reply throws passes out after what the call
   /// held has been given back.
-  void charge(const PaidReply& reply, double tokens = 0.0);
+  void charge(const PaidReply& reply, double tokens);
+  /// Counts a cache hit. A reply that is not cached counts as that of a call that reserved 0
+  /// tokens; one that cannot be read changes nothing.
+  void charge(const PaidReply& reply);
 
   /// What the stop signal says now. Takes no lock.
   [[nodiscard]] bool stopping();
