@@ -1,0 +1,77 @@
+// What must stay flat: a look-up among many features, and a budget's ten-millionth call.
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "gates.hpp"
+#include "turns.hpp"
+
+namespace decision_bounds::bench {
+namespace {
+
+struct OurFeatures {
+  void add(const std::string& feature) { rates.learn(1000, feature, Reply()); }
+  double cost(const std::string& feature) { return rates.cost(1000, feature); }
+
+  RequestRates rates;
+};
+
+struct PlainFeatures {
+  void add(const std::string& feature) { all.insert(feature); }
+  bool cost(const std::string& feature) {
+    const std::lock_guard lock(mutex);
+    return all.contains(feature);
+  }
+
+  std::mutex mutex;
+  std::unordered_set<std::string> all;
+};
+
+template <class Features>
+void cost(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  std::vector<std::string> names;
+  Features features;
+  for (std::size_t i = 0; i < count; ++i) {
+    features.add(names.emplace_back("feature-" + std::to_string(i)));
+  }
+  constexpr std::size_t stride = 7919;  // a prime, so that every name has its turn
+  std::size_t i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(features.cost(names[i]));
+    i = (i + stride) % count;
+  }
+}
+
+/// Seconds that one call takes: the best of 9 blocks of 1,000.
+double best_of_blocks(RunBudget& budget) {
+  constexpr int block = 1000;
+  double best = 1.0;
+  for (int i = 0; i < 9; ++i) {
+    const auto begin = SteadyClock::now();
+    for (int call = 0; call < block; ++call) budget.hold(10.0).settle(nullptr);
+    best = std::min(best, seconds_between(begin, SteadyClock::now()) / block);
+  }
+  return best;
+}
+
+void ten_millionth(benchmark::State& state) {
+  const Reply reply;
+  for (auto _ : state) {
+    RunBudget budget(plenty, plenty);
+    for (int i = 0; i < 1000; ++i) budget.hold(10.0).settle(&reply);
+    state.counters["peer/time/min"] = best_of_blocks(budget);
+    for (int i = 0; i < 10'000'000; ++i) budget.hold(10.0).settle(&reply);
+    state.counters["ours/time/min"] = best_of_blocks(budget);
+  }
+}
+
+BENCHMARK(cost<OurFeatures>)->Name("cost/ours")->RangeMultiplier(10)->Range(1, 100'000);
+BENCHMARK(cost<PlainFeatures>)->Name("cost/peer")->RangeMultiplier(10)->Range(1, 100'000);
+BENCHMARK(ten_millionth)->Iterations(1)->Repetitions(3);
+
+}  // namespace
+}  // namespace decision_bounds::bench
