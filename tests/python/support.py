@@ -1,0 +1,106 @@
+"""What the tests of the module share: replies, bounds of every kind, threads, locks."""
+
+import threading
+import time
+from concurrent.futures import Future
+from dataclasses import dataclass
+
+import decision_bounds as bounds
+
+DAY, NEXT_DAY, INFINITY = "2024-05-01", "2024-05-02", float("inf")
+
+
+@dataclass
+class Reply:
+    cost: float = 0.25
+    input_tokens: int = 7
+    cached: bool = False
+
+
+class Boom(Exception):
+    pass
+
+
+def boom(*_):
+    raise Boom
+
+
+def attempt(call, *arguments, **keywords):
+    """What the call returns, or the error that it raises."""
+    try:
+        return call(*arguments, **keywords)
+    except Exception as error:
+        return error
+
+
+class OtherCondition:
+    """No more than a bound needs of a condition."""
+
+    def __init__(self):
+        self.inner = threading.Condition()
+        self.wait, self.notify_all = self.inner.wait, self.inner.notify_all
+
+    def __enter__(self):
+        return self.inner.__enter__()
+
+    def __exit__(self, *error):
+        self.inner.__exit__(*error)
+
+
+class Kind:
+    """Makes bounds that the module handles in C++ alone (plain), or by name."""
+
+    def __init__(self, name):
+        self.condition = OtherCondition if name == "other condition" else threading.Condition
+        self.types = [bounds.RunBudget, bounds.DailySpend]
+        if name == "subclass":
+            self.types = [type("Derived", (base,), {}) for base in self.types]
+
+    def budget(self, max_calls=10, max_tokens=10):
+        return self.types[0](max_calls, max_tokens, _changed=self.condition())
+
+    def spend(self, cap=10.0, today=lambda: DAY, ledger=None):
+        spend = self.types[1](cap, today, ledger)
+        spend._changed = self.condition()
+        return spend
+
+
+def admit(bound, amount=1.0, *, deadline=None, clock=lambda: 0.0, stopping=bounds.never):
+    """A share of either kind of bound."""
+    if hasattr(bound, "hold"):
+        return bound.hold(amount)
+    ask = amount if callable(amount) else lambda: amount
+    return bound.admit(ask, deadline=deadline, clock=clock, stopping=stopping)
+
+
+def in_thread(function, *arguments):
+    """Starts a call on a thread of its own; the future of what it returns or raises."""
+    future = Future()
+
+    def run():
+        try:
+            future.set_result(function(*arguments))
+        except BaseException as error:
+            future.set_exception(error)
+
+    threading.Thread(target=run, daemon=True).start()
+    return future
+
+
+def condition_of(bound):
+    return getattr(bound._changed, "inner", bound._changed)
+
+
+def await_waiters(bound, count=1):
+    end = time.monotonic() + 20
+    while len(condition_of(bound)._waiters) != count:
+        assert time.monotonic() < end, f"never {count} waiting"
+        time.sleep(0.001)
+
+
+def holds_nothing(bound):
+    """Whether all is given back and the lock is free."""
+    lock = condition_of(bound)
+    free = in_thread(lambda: lock.acquire(blocking=False) and lock.release() is None).result(20)
+    held = bound._held_tokens if hasattr(bound, "hold") else bound._held
+    return free and (held.holders, held.amount, getattr(bound, "in_flight", 0)) == (0, 0.0, 0)

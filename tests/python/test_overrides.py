@@ -1,0 +1,114 @@
+"""Steps, globals and locks that a host overrides or replaces are the ones that are used."""
+
+import signal
+import threading
+import time
+from unittest.mock import Mock, call
+
+import decision_bounds as bounds
+import pytest
+from support import DAY, Boom, Reply, admit, attempt, await_waiters, boom, holds_nothing, in_thread
+
+STEPS = {  # how often the test below takes each
+    "RunBudget": dict(stopping=3, _exhausted_locked=4, _summary_locked=2, reserve=3, release=1)
+    | {"charge": 1},
+    "DailySpend": {"_today_locked": 4, "_spent_since": 1, "_give_back": 2},
+    "_Held": {"admits": 4, "take": 4, "give_back": 4},
+    "Share": {"settle": 6},
+}
+
+
+@pytest.mark.parametrize("manner", ["subclass", "type", "instance"])
+@pytest.mark.parametrize(("owner", "step"), [(o, s) for o, steps in STEPS.items() for s in steps])
+def test_an_overridden_step_runs_each_time(fresh, manner, owner, step):
+    def spy(original):
+        return lambda *arguments: seen.append(step) or original(*arguments)
+
+    def made(name, thing):
+        if name == owner and manner == "instance":
+            setattr(thing, step, spy(getattr(thing, step)))
+        elif name == owner and manner == "subclass":
+            thing.__class__ = type("Derived", (type(thing),), {step: spy(original)})
+        return thing
+
+    seen, original = [], getattr(getattr(fresh, owner), step)
+    if manner == "type":
+        setattr(getattr(fresh, owner), step, spy(original))
+    budget = made("RunBudget", fresh.RunBudget(2, 9, _held_tokens=made("_Held", fresh._Held())))
+    spend = made("DailySpend", fresh.DailySpend(1.0, lambda: DAY, None))
+    spend._held = made("_Held", spend._held)
+    for settle in (lambda share: share.settle(Reply()), lambda share: None):
+        for share in (budget.hold(1.0), admit(spend)):
+            with made("Share", share):
+                settle(share)
+    budget.max_calls = 0
+    pytest.raises(fresh.DecisionBudgetExceeded, budget.reserve)
+    assert (budget.summary()["calls"], budget.exhausted(), spend.spent()) == (1, True, 0.25)
+    assert len(seen) == STEPS[owner][step] and holds_nothing(budget) and holds_nothing(spend)
+
+
+def test_the_modules_globals_are_looked_up_at_each_use(kind, monkeypatch):
+    budget, spend, ends = kind.budget(), kind.spend(), {"clock": boom, "deadline": 5.0}
+    share, _ = admit(spend, 10.0), admit(budget, 10.0)
+    budget._changed.wait = Mock(side_effect=Boom)
+    monkeypatch.setattr(bounds, "_POLL_S", 0.5)
+    pytest.raises(Boom, admit, budget)
+    budget._changed.wait.assert_called_once_with(0.5)
+    monkeypatch.setattr(bounds, "_wait", Mock(side_effect=Boom))
+    pytest.raises(Boom, admit, budget)
+    pytest.raises(Boom, admit, spend, stopping=boom, **ends)
+    expected = [call(budget._changed, budget.stopping), call(spend._changed, boom, **ends)]
+    assert bounds._wait.call_args_list == expected
+    monkeypatch.setattr(bounds, "logger", Mock())
+    share.settle(Reply(10.0))
+    pytest.raises(bounds.DecisionBudgetExceeded, admit, spend)
+    assert bounds.logger.warning.call_args.args[1:] == (10.0, 10.0)
+
+
+def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind):
+    for bound, calls in ((kind.budget(), 3), (kind.spend(), 4)):
+        bound._changed.notify_all = Mock()
+        for reply in (None, Reply(), object()):
+            attempt(admit(bound).settle, reply)
+        bound.charge(Reply(cached=True))
+        assert bound._changed.notify_all.call_count == calls
+
+
+def test_every_operation_waits_for_a_lock_that_the_host_holds(kind):
+    budget, spend, rates, reply = kind.budget(), kind.spend(), bounds.RequestRates(), Reply()
+    of_budget, of_spend = budget.hold(1.0), admit(spend)
+    under_way = []
+    with budget._changed, spend._changed, rates._lock:
+        for operation, *arguments in [
+            (budget.summary,), (budget.exhausted,), (budget.reserve,), (budget.release,),
+            (budget.charge, reply), (of_budget.settle, None), (of_spend.settle, reply),
+            (spend.spent,), (spend.charge, reply), (admit, spend), (rates.cost, 1, "a"),
+            (rates.tokens, 1), (rates.learn, 1, "a", reply),
+        ]:  # fmt: skip
+            under_way.append(in_thread(operation, *arguments))
+        time.sleep(0.05)
+        assert not any(future.done() for future in under_way)
+    assert not any(future.exception(20) for future in under_way)
+
+
+def interrupt_main():
+    signal.pthread_kill(threading.main_thread().ident, signal.SIGINT)
+
+
+@pytest.mark.parametrize("bound", [bounds.RunBudget(9, 9), bounds.DailySpend(9.0, str, None)])
+def test_an_interrupt_ends_a_wait_at_once_and_a_settlement_once_it_is_done(bound, monkeypatch):
+    def hold_the_lock():
+        with bound._changed:
+            locked.set()
+            time.sleep(0.2)
+            interrupt_main()
+            time.sleep(0.02)
+
+    monkeypatch.setattr(bounds, "_POLL_S", 60.0)
+    share, locked = admit(bound, 9.0), threading.Event()
+    in_thread(lambda: (await_waiters(bound), interrupt_main()))
+    pytest.raises(KeyboardInterrupt, admit, bound)
+    host = in_thread(hold_the_lock)
+    assert locked.wait(20)
+    pytest.raises(KeyboardInterrupt, share.settle, Reply())
+    assert host.exception(20) is None and holds_nothing(bound)
