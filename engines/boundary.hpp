@@ -82,6 +82,7 @@ struct Method<Body> {
                          Py_ssize_t count, PyObject* keyword_names) {
     auto* state = static_cast<State*>(PyType_GetModuleState(defining));
     return guarded<PyObject*>(state, nullptr, [&] {
+      if (state == nullptr) throw_raised();  // the collector took the type from its module
       return Body(alive(*state), *reinterpret_cast<Object*>(self),
                   {arguments, count, keyword_names, nullptr})
           .release();

@@ -43,10 +43,15 @@ int set_value(PyObject* self, PyObject* value, void* closure, Convert convert) {
   });
 }
 
+bool has(PyObject* value, const char* method) {
+  const Owned name = checked([=] { return PyUnicode_InternFromString(method); });
+  return static_cast<bool>(get_if_there(value, name.get()));
+}
+
 void check_methods(PyObject* value, const char* name, const char* kind,
                    std::initializer_list<const char*> methods) {
   for (const char* method : methods) {
-    if (entering([=] { return PyObject_HasAttrString(value, method); }) == 0) {
+    if (!has(value, method)) {
       raise(PyExc_TypeError, "%s must be %s: %.200s has no %s()", name, kind,
             Py_TYPE(value)->tp_name, method);
     }
@@ -55,10 +60,9 @@ void check_methods(PyObject* value, const char* name, const char* kind,
 
 /// A lock is entered as by a with block, or else by acquire.
 void check_lock_methods(PyObject* value, const char* name, const char* kind) {
-  const bool scoped = entering([=] { return PyObject_HasAttrString(value, "__enter__"); }) != 0;
   check_methods(value, name, kind,
-                scoped ? std::initializer_list<const char*>{"__exit__"}
-                       : std::initializer_list<const char*>{"acquire", "release"});
+                has(value, "__enter__") ? std::initializer_list<const char*>{"__exit__"}
+                                        : std::initializer_list<const char*>{"acquire", "release"});
 }
 
 }  // namespace
@@ -79,10 +83,7 @@ int set_double(PyObject* self, PyObject* value, void* field) {
   return set_value<double>(self, value, field, as_double);
 }
 
-PyObject* get_bool(PyObject* self, void* field) {
-  return get_value<bool>(self, field,
-                         [](bool value) { return Owned::copy(value ? Py_True : Py_False); });
-}
+PyObject* get_bool(PyObject* self, void* field) { return get_value<bool>(self, field, to_bool); }
 
 int set_bool(PyObject* self, PyObject* value, void* field) {
   return set_value<bool>(self, value, field, [](PyObject* object, const char*) {
@@ -110,8 +111,7 @@ int set_object(PyObject* self, PyObject* value, void* closure) {
   const Field& field = *static_cast<const Field*>(closure);
   return guarded<int>(nullptr, -1, [&] {
     if (value != nullptr && field.check != nullptr) field.check(self, value, field.name);
-    Py_XINCREF(value);
-    drop(std::exchange(at<PyObject*>(self, field), value));
+    replace(at<PyObject*>(self, field), Owned::copy(value));
     return 0;
   });
 }

@@ -1,78 +1,14 @@
-// The module: its functions, its errors, and the steps that its import runs.
-
-#include <optional>
+// The module: the steps that its import runs, and its memory.
 
 #include "boundary.hpp"
+#include "functions.hpp"
+#include "locks.hpp"
 #include "objects.hpp"
 #include "python_source.hpp"
 #include "waiting.hpp"
 
 namespace decision_bounds::python {
 namespace {
-
-State& state_of_module(PyObject* module) { return *static_cast<State*>(PyModule_GetState(module)); }
-
-// ---- functions ----
-
-PyObject* never_entry(PyObject*, PyObject*) { Py_RETURN_FALSE; }
-
-/// The C function of a module function whose body is `Owned body(State&, const Arguments&)`.
-template <Owned (*Body)(State&, const Arguments&)>
-PyObject* function_entry(PyObject* module, PyObject* const* arguments, Py_ssize_t count,
-                         PyObject* keyword_names) {
-  State& state = state_of_module(module);
-  return guarded<PyObject*>(&state, nullptr, [&] {
-    return Body(alive(state), {arguments, count, keyword_names, nullptr}).release();
-  });
-}
-
-template <Owned (*Body)(State&, const Arguments&)>
-PyMethodDef function(const char* name, const char* doc) noexcept {
-  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&function_entry<Body>)),
-          METH_FASTCALL | METH_KEYWORDS, doc};
-}
-
-Owned nothing(State& state, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"_nothing", {Name::_reply}};
-  sorted(state, parameters, arguments);
-  return none();
-}
-
-Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
-  constexpr Parameters<4> parameters{
-      "_wait", {Name::changed, Name::stopping, Name::deadline, Name::clock}, 2, 2};
-  const auto [changed, stopping, deadline, clock] = sorted(state, parameters, arguments);
-  as_callable(stopping, "stopping");
-  std::function<double()> host_clock;
-  if (clock != nullptr && clock != Py_None) {
-    host_clock = [callable = as_callable(clock, "clock")] {
-      return as_double(call(callable).get(), "clock()");
-    };
-  }
-  const std::optional<double> end = deadline != nullptr ? as_deadline(deadline) : std::nullopt;
-  ConditionField field{};
-  HostCondition condition(state, nullptr, field, Section::calls_python);
-  condition.adopt(changed);
-  internal::wait_for_room(
-      condition, [callable = stopping] { return truth(call(callable)); }, end, host_clock,
-      poll_seconds(state));
-  return none();
-}
-
-PyMethodDef never_function = {"never", never_entry, METH_NOARGS,
-                              "never()\n--\n\n"
-                              "False, always: the stop signal that never comes."};
-PyMethodDef nothing_function = function<nothing>("_nothing",
-                                                 "_nothing(_reply)\n--\n\n"
-                                                 "Does nothing: gives back a share of nothing.");
-PyMethodDef wait_function = function<wait>(
-    "_wait",
-    "_wait(changed, stopping, *, deadline=None, clock=None)\n--\n\n"
-    "One wait for room on the condition changed, whose lock the caller holds: until\n"
-    "a wake-up, for 0.1 s at most, never past deadline (on the scale of clock, in\n"
-    "seconds; both given, or no deadline is tested). Raises DecisionStopped when\n"
-    "stopping() is true, before it looks at the clock, and DecisionTimeout when no\n"
-    "time is left.");
 
 // ---- the import ----
 
@@ -96,7 +32,8 @@ void bind_function(PyObject* module, PyMethodDef& function, PyObject*& place) {
 
 void bind_error(PyObject* module, const char* name, PyObject*& place, PyObject* base,
                 const char* doc) {
-  const std::string full = std::string(PyModule_GetName(module)) + "." + name;
+  const Owned module_name = checked([=] { return PyModule_GetNameObject(module); });
+  const std::string full = as_string(module_name.get(), "the module's name") + "." + name;
   bind(module, name, place,
        checked([&] { return PyErr_NewExceptionWithDoc(full.c_str(), doc, base, nullptr); }));
 }
@@ -123,14 +60,18 @@ void intern_names(State& state) {
 }
 
 void take_from_host(PyObject* module, State& state) {
-  state.condition.type =
-      reinterpret_cast<PyTypeObject*>(import_from("threading", "Condition").release());
-  state.condition.version = attributes_version(state.condition.type);
+  Owned condition = import_from("threading", "Condition");
+  if (!PyType_Check(condition.get())) {
+    raise(PyExc_TypeError, "threading.Condition must be a type, not %R", condition.get());
+  }
+  state.condition.type = reinterpret_cast<PyTypeObject*>(condition.release());
+  state.condition.version = attributes_version(state.condition);
   state.allocate_lock = import_from("threading", "Lock").release();
   state.lock = reinterpret_cast<PyTypeObject*>(Py_NewRef(Py_TYPE(call(state.allocate_lock).get())));
   state.transparent_lock = reinterpret_cast<PyTypeObject*>(
       Py_XNewRef(reinterpret_cast<PyObject*>(transparent_lock_type(state))));
   state.no_arguments = checked([] { return PyTuple_New(0); }).release();
+  state.deque = import_from("collections", "deque").release();
   state.partial = import_from("functools", "partial").release();
   const Owned get_logger = import_from("logging", "getLogger");
   const Owned name = checked([=] { return PyModule_GetNameObject(module); });
@@ -145,13 +86,13 @@ void bind_errors(PyObject* module, State& state) {
   bind_error(module, "DecisionUnavailable", state.unavailable, state.decision_error,
              "The endpoint refuses requests; it is not asked again until that window ends.");
   bind_error(module, "DecisionTimeout", state.timeout, state.decision_error,
-             "A call without a budget ran out of its deadline.");
+             "A tool's call (no run budget) ran out of its deadline while it waited for room.");
   bind_error(module, "DecisionStopped", state.stopped, state.decision_error,
              "The pass that the call belongs to has been asked to stop.");
 }
 
 void execute(PyObject* module) {
-  State& state = state_of_module(module);
+  State& state = module_state(module);
   state.module = module;
   intern_names(state);
   take_from_host(module, state);
@@ -171,7 +112,7 @@ void execute(PyObject* module) {
   define_signatures(module);
   for (OwnType* own : {&state.share, &state.held, &state.charges, &state.request_rates,
                        &state.run_budget, &state.daily_spend}) {
-    own->version = attributes_version(own->type);
+    own->version = attributes_version(*own);
   }
 }
 
@@ -195,7 +136,7 @@ void each_object(State& state, Visit visit) {
   for (PyObject** object :
        {&state.decision_error, &state.budget_exceeded, &state.unavailable, &state.timeout,
         &state.stopped, &state.never, &state.nothing, &state.wait, &state.allocate_lock,
-        &state.partial, &state.logger, &state.no_arguments}) {
+        &state.deque, &state.partial, &state.logger, &state.no_arguments}) {
     visit(*object);
   }
 }
@@ -271,13 +212,19 @@ PyModuleDef module_definition = {
 State& state_of(PyTypeObject* type) {
   PyObject* module = PyType_GetModuleByDef(type, &module_definition);
   if (module == nullptr) throw_raised();
-  return alive(state_of_module(module));
+  return alive(module_state(module));
 }
 
 Owned global(const State& state, Name name, PyObject* fallback) {
-  PyObject* value = PyDict_GetItemWithError(PyModule_GetDict(state.module), state.name(name));
+  PyObject* value = entering(
+      [&] { return PyDict_GetItemWithError(PyModule_GetDict(state.module), state.name(name)); });
   if (value == nullptr && PyErr_Occurred() != nullptr) throw_raised();
   return Owned::copy(value == nullptr || value == Py_None ? fallback : value);
+}
+
+double poll_seconds(const State& state) {
+  const Owned fallback = to_python(internal::poll_s);
+  return as_double(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
 }
 
 }  // namespace decision_bounds::python

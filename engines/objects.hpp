@@ -6,8 +6,8 @@
 #include "charges.hpp"
 #include "daily_spend_steps.hpp"
 #include "decision_bounds/run_budget.hpp"
-#include "facilities.hpp"
 #include "held.hpp"
+#include "locks.hpp"
 
 namespace decision_bounds::python {
 

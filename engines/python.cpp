@@ -10,20 +10,31 @@ void park_dying_thread() noexcept {
   for (;;) pause();
 }
 
+Owned get_if_there(PyObject* object, PyObject* name) {
+  try {
+    return get(object, name);
+  } catch (RaisedError& error) {
+    if (PyErr_GivenExceptionMatches(error.value(), PyExc_AttributeError) == 0) throw;
+    return {};
+  }
+}
+
 Raised::Raised() noexcept {
   PyObject* type = nullptr;
   PyObject* value = nullptr;
   PyObject* traceback = nullptr;
   PyErr_Fetch(&type, &value, &traceback);
-  entering([&] { PyErr_NormalizeException(&type, &value, &traceback); });
-  if (traceback != nullptr) PyException_SetTraceback(value, traceback);
+  entering([&] {
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr) PyException_SetTraceback(value, traceback);
+  });
   type_ = Owned::steal(type);
   value_ = Owned::steal(value);
   traceback_ = Owned::steal(traceback);
 }
 
 void Raised::restore() noexcept {
-  PyErr_Restore(type_.release(), value_.release(), traceback_.release());
+  entering([this] { PyErr_Restore(type_.release(), value_.release(), traceback_.release()); });
 }
 
 void throw_raised() {
@@ -111,7 +122,7 @@ std::string as_string(PyObject* value, const char* what) {
     raise(PyExc_TypeError, "%s must be a str, not %.200s", what, Py_TYPE(value)->tp_name);
   }
   Py_ssize_t size = 0;
-  const char* text = PyUnicode_AsUTF8AndSize(value, &size);
+  const char* text = entering([&] { return PyUnicode_AsUTF8AndSize(value, &size); });
   if (text == nullptr) throw_raised();
   return {text, static_cast<std::size_t>(size)};
 }

@@ -23,9 +23,10 @@ namespace decision_bounds::python {
 [[noreturn]] void park_dying_thread() noexcept;
 
 /// Runs `call`, which may run Python code. Every such call goes through here, so that no frame of
-/// the module is ever unwound on a dying thread.
+/// the module is ever unwound on a dying thread. (There is no object behind the reference that such
+/// an unwinding is caught by, which the null check of the sanitizer would report.)
 template <class Call>
-auto entering(Call call) -> decltype(call()) {
+__attribute__((no_sanitize("null"))) auto entering(Call call) -> decltype(call()) {
   try {
     return call();
   } catch (abi::__forced_unwind&) {
@@ -78,6 +79,13 @@ class Owned {
 
 inline Owned none() noexcept { return Owned::copy(Py_None); }
 
+inline Owned to_bool(bool value) noexcept { return Owned::copy(value ? Py_True : Py_False); }
+
+/// Puts `value` into a field, and hands out what was there.
+inline Owned replace(PyObject*& field, Owned value) noexcept {
+  return Owned::steal(std::exchange(field, value.release()));
+}
+
 /// A Python error on its way through C++, taken out of the interpreter's error indicator: code that
 /// runs while it passes may call Python freely.
 class Raised {
@@ -127,6 +135,9 @@ inline bool truth(const Owned& object) {
 inline Owned get(PyObject* object, PyObject* name) {
   return checked([=] { return PyObject_GetAttr(object, name); });
 }
+
+/// The attribute, or null where there is none.
+Owned get_if_there(PyObject* object, PyObject* name);
 
 template <std::same_as<PyObject*>... Arguments>
 Owned call(PyObject* callable, Arguments... arguments) {

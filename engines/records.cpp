@@ -37,7 +37,7 @@ Owned admits(State& state, HeldObject& self, const Arguments& arguments) {
   const double wanted = as_double(share, "share");
   const double settled = as_double(used, "used");
   const double most = as_double(limit, "limit");
-  return Owned::copy(self.record.admits(wanted, settled, most) ? Py_True : Py_False);
+  return to_bool(self.record.admits(wanted, settled, most));
 }
 
 Owned take(State& state, HeldObject& self, const Arguments& arguments) {

@@ -9,14 +9,14 @@ int RequestRatesObject::traverse(visitproc visit, void* arg) const {
   Py_VISIT(cost);
   Py_VISIT(tokens);
   Py_VISIT(features);
-  return python::visit(lock, visit, arg);
+  return lock.traverse(visit, arg);
 }
 
 void RequestRatesObject::clear() noexcept {
   python::clear(cost);
   python::clear(tokens);
   python::clear(features);
-  python::clear(lock);
+  lock.clear();
 }
 
 namespace {
@@ -50,9 +50,7 @@ class HostMaxima {
         object_(Owned::copy(set_or_raise(field, reinterpret_cast<PyObject*>(&self), name))) {}
 
   /// Whether its steps run no Python code.
-  [[nodiscard]] bool is_plain() const noexcept {
-    return Py_TYPE(object_.get()) == state_.charges.type && untouched(charges(), state_.charges);
-  }
+  [[nodiscard]] bool is_plain() const noexcept { return untouched(charges(), state_.charges); }
 
   [[nodiscard]] double bound(std::int64_t size) const {
     if (is_plain()) return charges()->record.bound(size);
@@ -116,10 +114,10 @@ void init(State& state, RequestRatesObject& self, const Arguments& arguments) {
   Owned cost = call(charges);
   Owned tokens = call(charges);
   Owned features = checked([] { return PySet_New(nullptr); });
-  Owned::steal(std::exchange(self.lock.object, lock.release()));
-  Owned::steal(std::exchange(self.cost, cost.release()));
-  Owned::steal(std::exchange(self.tokens, tokens.release()));
-  Owned::steal(std::exchange(self.features, features.release()));
+  replace(self.lock.object, std::move(lock));
+  replace(self.cost, std::move(cost));
+  replace(self.tokens, std::move(tokens));
+  replace(self.features, std::move(features));
 }
 
 Owned cost(State& state, RequestRatesObject& self, const Arguments& arguments) {

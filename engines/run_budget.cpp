@@ -1,3 +1,4 @@
+#include "host_budget.hpp"
 #include "objects.hpp"
 #include "reply.hpp"
 #include "run_budget_steps.hpp"
@@ -9,99 +10,16 @@ namespace decision_bounds::python {
 int RunBudgetObject::traverse(visitproc visit, void* arg) const {
   Py_VISIT(should_stop);
   Py_VISIT(held_tokens);
-  return python::visit(changed, visit, arg);
+  return changed.traverse(visit, arg);
 }
 
 void RunBudgetObject::clear() noexcept {
   python::clear(should_stop);
   python::clear(held_tokens);
-  python::clear(changed);
+  changed.clear();
 }
 
 namespace {
-
-bool should_stop(const State& state, const RunBudgetObject& self) {
-  auto* object = const_cast<PyObject*>(reinterpret_cast<const PyObject*>(&self));
-  if (set_or_raise(self.should_stop, object, "should_stop") == state.never) return false;
-  const Owned signal = Owned::copy(self.should_stop);  // it may replace itself
-  return truth(call(signal.get()));
-}
-
-Owned as_dict(const State& state, const RunCounts& counts) {
-  const RunSummary summary = summary_of(counts);
-  Owned dict = checked([] { return PyDict_New(); });
-  for (std::size_t i = 0; i < summary.size(); ++i) {
-    const Owned value = std::visit([](auto number) { return to_python(number); }, summary[i].value);
-    checked_count([&] { return PyDict_SetItem(dict.get(), state.summary_keys[i], value.get()); });
-  }
-  return dict;
-}
-
-/// One operation on a RunBudget. Steps that Python code may have overridden go by name.
-class HostBudget final : public internal::RunBudgetSteps {
- public:
-  HostBudget(State& state, RunBudgetObject& self, Section section,
-             Locking locking = Locking::may_fail)
-      : RunBudgetSteps(self.counts, held_, condition_),
-        state_(state),
-        self_(self),
-        section_(section),
-        held_(state, object(), self.held_tokens, "_held_tokens"),
-        condition_(state, object(), self.changed, section_now(), locking) {}
-
-  bool stopping() override {
-    const bool answer = is_untouched() ? should_stop(state_, self_)
-                                       : truth(call_method(object(), state_.name(Name::stopping)));
-    condition_.set_section(section_now());  // the signal may have put other steps in place
-    return answer;
-  }
-
-  bool exhausted_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (is_untouched()) return RunBudgetSteps::exhausted_locked();
-    return truth(call_method(object(), state_.name(Name::_exhausted_locked)));
-  }
-
-  std::string printed_summary_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (is_untouched()) return RunBudgetSteps::printed_summary_locked();
-    const Owned summary = call_method(object(), state_.name(Name::_summary_locked));
-    return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
-  }
-
-  void wait() override DECISION_BOUNDS_REQUIRES(changed_) {
-    if (condition_.take_now()) return;  // there may be room by now: look again before waiting
-    const Owned wait = global(state_, Name::_wait, state_.wait);
-    if (wait.get() == state_.wait) {
-      internal::wait_for_room(
-          changed_, [this] { return stopping(); }, std::nullopt, nullptr, poll_seconds(state_));
-    } else {
-      const Owned signal = get(object(), state_.name(Name::stopping));
-      call(wait.get(), condition_.object(), signal.get());
-    }
-  }
-
-  Owned summary() {
-    return locked([this] {
-      if (is_untouched()) return as_dict(state_, self_.counts);
-      return call_method(object(), state_.name(Name::_summary_locked));
-    });
-  }
-
-  [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.run_budget); }
-  void finish() const { condition_.finish(); }
-
- private:
-  [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
-
-  [[nodiscard]] Section section_now() const noexcept {
-    return is_untouched() && held_.is_plain() ? section_ : Section::calls_python;
-  }
-
-  State& state_;
-  RunBudgetObject& self_;
-  Section section_;
-  HostHeld held_;
-  HostCondition condition_;
-};
 
 RunCounts as_counts(std::span<PyObject* const> values) {
   const auto count = [&](std::size_t i, const char* name) -> std::int64_t {
@@ -138,30 +56,28 @@ void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
   self.counts = counts;
   self.deleted = 0;
 
-  Owned::steal(std::exchange(self.should_stop, should_stop.release()));
-  Owned::steal(std::exchange(self.held_tokens, held.release()));
-  Owned::steal(std::exchange(self.changed.object, changed.release()));
+  replace(self.should_stop, std::move(should_stop));
+  replace(self.held_tokens, std::move(held));
+  replace(self.changed.object, std::move(changed));
 }
 
 /// A tokens argument with a default of 0.
 double as_tokens(PyObject* value) { return value != nullptr ? as_double(value, "tokens") : 0.0; }
 
-Owned as_bool(bool value) { return Owned::copy(value ? Py_True : Py_False); }
-
 Owned stopping(State& state, RunBudgetObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"stopping", {}}, arguments);
-  return as_bool(should_stop(state, self));
+  return to_bool(should_stop(state, self));
 }
 
 Owned exhausted(State& state, RunBudgetObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"exhausted", {}}, arguments);
-  return as_bool(HostBudget(state, self, Section::brief).exhausted());
+  return to_bool(HostBudget(state, self, Section::brief).exhausted());
 }
 
 Owned exhausted_locked(State& state, RunBudgetObject& self,
                        const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
   sorted(state, Parameters<0>{"_exhausted_locked", {}}, arguments);
-  return as_bool(HostBudget(state, self, Section::brief).RunBudgetSteps::exhausted_locked());
+  return to_bool(HostBudget(state, self, Section::brief).RunBudgetSteps::exhausted_locked());
 }
 
 Owned summary(State& state, RunBudgetObject& self, const Arguments& arguments) {

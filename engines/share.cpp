@@ -51,7 +51,7 @@ void materialise(const State& state, ShareObject& self) {
                      : dollars_action(state, bound.get(), amount.get());
   if (self.target != bound.get()) return;  // looking the action up settled the share
   self.action = Action::callable;
-  Owned::steal(std::exchange(self.target, action.release()));
+  replace(self.target, std::move(action));
   python::clear(self.amount);
 }
 
@@ -66,8 +66,8 @@ PyObject* get_action(PyObject* object, void*) {
 
 void set_action(ShareObject& self, Action action, PyObject* target) noexcept {
   self.action = action;
-  const Owned amount = Owned::steal(std::exchange(self.amount, nullptr));
-  const Owned before = Owned::steal(std::exchange(self.target, Owned::copy(target).release()));
+  const Owned amount = replace(self.amount, {});
+  const Owned before = replace(self.target, Owned::copy(target));
 }
 
 int set_action_attribute(PyObject* self, PyObject* value, void*) {
@@ -97,8 +97,8 @@ void init(State& state, ShareObject& self, const Arguments& arguments) {
 void settle_with(State& state, ShareObject& self, PyObject* reply) {
   if (self.action == Action::unset) raise_unset(reinterpret_cast<PyObject*>(&self), "_give_back");
   const Action action = std::exchange(self.action, Action::done);
-  const Owned target = Owned::steal(std::exchange(self.target, nullptr));
-  const Owned amount = Owned::steal(std::exchange(self.amount, nullptr));
+  const Owned target = replace(self.target, {});
+  const Owned amount = replace(self.amount, {});
   switch (action) {
     case Action::run_budget:
       return give_back_tokens(state, target.get(), amount.get(), reply);

@@ -11,15 +11,15 @@
 namespace decision_bounds::python {
 
 // clang-format off
-#define DECISION_BOUNDS_NAMES(X)                                                               \
-  X(acquire) X(admits) X(amount) X(bound) X(cached) X(cache_hits) X(calls) X(cap) X(changed)   \
-  X(charge) X(clock) X(cost) X(deadline) X(exc_info) X(feature) X(give_back) X(held)           \
-  X(holders) X(in_flight) X(input_tokens) X(learn) X(ledger) X(limit) X(locked) X(logger) X(max_calls)            \
-  X(max_tokens) X(notify_all) X(per_byte) X(per_call) X(release) X(reply) X(reserve) X(result) \
-  X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) X(today) X(tokens) X(unbounded)\
-  X(used) X(wait) X(warning) X(day) X(_POLL_S) X(_changed) X(_exhausted_locked) X(_give_back)  \
-  X(_held_tokens) X(_is_owned) X(_reply) X(_spent_since) X(_summary_locked) X(_today_locked)   \
-  X(_wait) X(_waiters) X(__enter__) X(__exit__)
+#define DECISION_BOUNDS_NAMES(X)                                                              \
+  X(acquire) X(admits) X(amount) X(bound) X(cache_hits) X(cached) X(calls) X(cap) X(changed)  \
+  X(charge) X(clock) X(cost) X(day) X(deadline) X(exc_info) X(feature) X(give_back) X(held)   \
+  X(holders) X(in_flight) X(input_tokens) X(learn) X(ledger) X(limit) X(locked) X(logger)     \
+  X(max_calls) X(max_tokens) X(notify_all) X(per_byte) X(per_call) X(release) X(reply)        \
+  X(reserve) X(result) X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) X(today) \
+  X(tokens) X(unbounded) X(used) X(wait) X(warning) X(_POLL_S) X(__enter__) X(__exit__)       \
+  X(_changed) X(_exhausted_locked) X(_give_back) X(_held_tokens) X(_is_owned) X(_reply)       \
+  X(_spent_since) X(_summary_locked) X(_today_locked) X(_wait) X(_waiters)
 // clang-format on
 
 enum class Name : std::size_t {
@@ -48,6 +48,7 @@ struct State {
   PyTypeObject* lock;              // the type of its locks
   PyTypeObject* transparent_lock;  // of a condition's, if known from within
   PyObject* partial;               // functools.partial
+  PyObject* deque;                 // collections.deque
   PyObject* logger;
   PyObject* no_arguments;  // an empty tuple
 
@@ -59,17 +60,26 @@ struct State {
   }
 };
 
-/// The version of a type's own attributes: another after each change of one.
-inline std::uint64_t attributes_version(const PyTypeObject* type) noexcept {
-  return reinterpret_cast<PyDictObject*>(type->tp_dict)->ma_version_tag;
+/// The version of a dict of attributes: another after each change.
+inline std::uint64_t attributes_version(PyObject* dict) noexcept {
+  return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+}
+
+/// The version of the type's own attributes as they are now.
+inline std::uint64_t attributes_version(const OwnType& own) noexcept {
+  return attributes_version(own.type->tp_dict);
 }
 
 /// Whether nothing about `object` can have been overridden: no subclass, no attribute of its type
 /// replaced, no attribute of its own. Only then may a step skip the look-up by name.
 template <class Object>
 bool untouched(Object* object, const OwnType& own) noexcept {
-  return Py_TYPE(object) == own.type && attributes_version(own.type) == own.version &&
+  return Py_TYPE(object) == own.type && attributes_version(own) == own.version &&
          (object->dict == nullptr || PyDict_GET_SIZE(object->dict) == 0);
+}
+
+inline State& module_state(PyObject* module) {
+  return *static_cast<State*>(PyModule_GetState(module));
 }
 
 /// Raises once the garbage collector has begun to take the module apart: nothing can run any more.
@@ -86,5 +96,8 @@ inline State& state_of(PyObject* object) { return state_of(Py_TYPE(object)); }
 /// The module's global `name` as it stands now; `fallback` (borrowed) when it is gone or None, as
 /// at the end of the interpreter.
 Owned global(const State& state, Name name, PyObject* fallback);
+
+/// The module's _POLL_S as it stands now, in seconds.
+double poll_seconds(const State& state);
 
 }  // namespace decision_bounds::python

@@ -35,7 +35,7 @@ void dealloc_slot(PyObject* self) {
   }
   clear_slot<Object>(self);
   type->tp_free(self);
-  Py_DECREF(type);
+  drop(reinterpret_cast<PyObject*>(type));
 }
 
 template <class Function>

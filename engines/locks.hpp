@@ -1,0 +1,113 @@
+#pragma once
+
+// The interpreter's locks and condition variables as the library's seam sees them. Each object here
+// serves one operation and lives on its stack.
+
+#include "decision_bounds/host.hpp"
+#include "state.hpp"
+
+namespace decision_bounds::python {
+
+/// What an operation does while it holds a lock.
+enum class Section {
+  calls_python,
+  /// It runs no Python code, so the interpreter's own lock keeps it whole: a lock of the
+  /// interpreter's that nobody holds need not be taken.
+  brief,
+};
+
+/// Whether an operation may be refused its lock.
+enum class Locking {
+  may_fail,
+  /// It gives back what a call holds: an interrupt is put off until the lock is there, and with a
+  /// lock that fails for good the steps run without it; the interpreter's lock keeps each of them
+  /// whole. The error is kept, for finish().
+  must_go_on,
+};
+
+/// A lock attribute, and the bound methods of a lock of the interpreter's own.
+struct LockField {
+  PyObject* object;  // the attribute
+  PyObject* bound;   // the lock that the methods belong to
+  PyObject *acquire, *release, *locked;
+
+  int traverse(visitproc visit, void* arg) const;
+  void clear() noexcept;
+};
+
+/// A condition attribute. For a threading.Condition that nobody changed, its lock's methods and its
+/// queue of waiters, so that no Python code runs where nobody waits.
+struct ConditionField {
+  PyObject* object;                       // the attribute
+  PyObject* bound;                        // the condition that the rest belongs to
+  PyObject* dict;                         // its attributes
+  std::uint64_t version;                  // of dict, when the rest was read from it
+  PyObject *acquire, *release, *waiters;  // null where it must be used by name
+  PyObject* reentrant;  // borrowed from acquire: the lock, where it can be seen to be free
+
+  int traverse(visitproc visit, void* arg) const;
+  void clear() noexcept;
+};
+
+/// The type of the interpreter's re-entrant locks, borrowed, if it can be seen whether one is free;
+/// else null.
+PyTypeObject* transparent_lock_type(const State& state);
+
+class HostLock final : public Lock {
+ public:
+  HostLock(const State& state, PyObject* self, LockField& field, Section section)
+      : state_(state), self_(self), field_(field), section_(section) {}
+
+  void lock() override;
+  void unlock() override;
+
+ private:
+  const State& state_;
+  PyObject* self_;
+  LockField& field_;
+  Section section_;
+  Owned by_name_, release_;  // how to let it go; both null where it was not taken
+};
+
+class HostCondition final : public Condition {
+ public:
+  HostCondition(const State& state, PyObject* self, ConditionField& field, Section section,
+                Locking locking = Locking::may_fail)
+      : state_(state), self_(self), field_(field), section_(section), locking_(locking) {}
+
+  void lock() override;
+  void unlock() override;
+  void wait_for(double seconds) override;
+  void notify_all() override;
+
+  /// Until lock().
+  void set_section(Section section) noexcept { section_ = section; }
+  /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if
+  /// so: another thread may have had it in between.
+  bool take_now();
+  /// For a caller that has locked `condition` itself.
+  void adopt(PyObject* condition) {
+    condition_ = Owned::copy(condition);
+    hold_ = Hold::taken;
+  }
+  /// The condition that this operation locked.
+  [[nodiscard]] PyObject* object() const noexcept { return condition_.get(); }
+  /// Throws the error that lock() kept, if there is one.
+  void finish() const;
+
+ private:
+  void enter();
+  [[nodiscard]] bool owned() const;
+
+  const State& state_;
+  PyObject* self_;
+  ConditionField& field_;
+  Section section_;
+  Locking locking_;
+  Owned condition_;
+  Owned acquire_, release_, waiters_;  // null where the condition is used by name
+  enum class Hold { none, brief, taken } hold_ = Hold::none;
+  std::exception_ptr kept_;
+};
+
+}  // namespace decision_bounds::python
