@@ -17,7 +17,8 @@ void set_error(const State* state) noexcept;
 
 /// What `body` returns, or `failure` with the Python error set.
 template <class Result, class Body>
-Result guarded(const State* state, Result failure, Body body) {
+__attribute__((no_sanitize("undefined"))) Result guarded(const State* state, Result failure,
+                                                         Body body) {
   try {
     return body();
   } catch (abi::__forced_unwind&) {

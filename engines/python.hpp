@@ -24,9 +24,9 @@ namespace decision_bounds::python {
 
 /// Runs `call`, which may run Python code. Every such call goes through here, so that no frame of
 /// the module is ever unwound on a dying thread. (There is no object behind the reference that such
-/// an unwinding is caught by, which the null check of the sanitizer would report.)
+/// an unwinding is caught by, which the sanitizer would report.)
 template <class Call>
-__attribute__((no_sanitize("null"))) auto entering(Call call) -> decltype(call()) {
+__attribute__((no_sanitize("undefined"))) auto entering(Call call) -> decltype(call()) {
   try {
     return call();
   } catch (abi::__forced_unwind&) {

@@ -33,7 +33,7 @@ TEST_F(ShareTest, AnErrorUnderWayGoesOnPastAFailingAction) {
 }
 
 TEST_F(ShareTest, IsSettledOnceByTwoThreadsAndItsOwnAction) {
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < 100; ++round) {
     std::atomic<int> given_back = 0, ready = 0;
     Share share([&](const PaidReply*) { ++given_back, share.settle(nullptr); });
     const auto settle = [&] {
