@@ -25,7 +25,7 @@ Share::Share(Share&& other) noexcept
 
 Share::~Share() noexcept(false) {
   if (!held_.load(std::memory_order_acquire)) return;
-  if (std::uncaught_exceptions() == errors_under_way_) {
+  if (std::uncaught_exceptions() <= errors_under_way_) {
     settle(nullptr);
     return;
   }

@@ -26,7 +26,9 @@ class DECISION_BOUNDS_CAPABILITY("lock") Lock {
 };
 
 /// A condition variable over a re-entrant lock of its own: a thread that holds the lock may take it
-/// again, and holds it until it has let it go as often. Any thread may call it.
+/// again, and holds it until it has let it go as often. Any thread may call it. A lock() that
+/// throws while a share is given back would lose what the share held: an implementation whose lock
+/// can fail must see to that itself.
 class DECISION_BOUNDS_CAPABILITY("condition") Condition {
  public:
   Condition() = default;
