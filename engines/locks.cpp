@@ -50,7 +50,7 @@ bool is_bound(const State& state, LockField& field, bool& ran) {
     Owned acquire = get(lock.get(), state.name(Name::acquire));
     Owned release = get(lock.get(), state.name(Name::release));
     Owned locked = get(lock.get(), state.name(Name::locked));
-    const Owned before[] = {
+    [[maybe_unused]] const Owned before[] = {
         replace(field.bound, Owned::copy(lock.get())), replace(field.acquire, std::move(acquire)),
         replace(field.release, std::move(release)), replace(field.locked, std::move(locked))};
   }
@@ -74,7 +74,7 @@ void bind(const State& state, ConditionField& field) {
     PyObject* lock = PyCFunction_GET_SELF(acquire.get());
     if (lock != nullptr && Py_TYPE(lock) == state.transparent_lock) field.reentrant = lock;
   }
-  const Owned before[] = {
+  [[maybe_unused]] const Owned before[] = {
       replace(field.bound, Owned::copy(condition.get())), replace(field.dict, std::move(dict)),
       replace(field.acquire, std::move(acquire)), replace(field.release, std::move(release)),
       replace(field.waiters, std::move(waiters))};
