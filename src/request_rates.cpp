@@ -11,9 +11,11 @@
 namespace decision_bounds {
 namespace {
 
+// Not noexcept: the standard library's set then keeps the hashes of its texts, where it would
+// compute those of a whole bucket anew at each look-up.
 struct TextHash {
   using is_transparent = void;
-  std::size_t operator()(std::string_view text) const noexcept {
+  std::size_t operator()(std::string_view text) const {
     return std::hash<std::string_view>()(text);
   }
 };
