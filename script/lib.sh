@@ -3,8 +3,8 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 export PATH="/usr/bin:$PATH" # a Python of the user's own may bring another cmake and ninja
-cmake=${CMAKE:-/usr/bin/cmake}
-python=${PYTHON:-/usr/bin/python3}
+cmake=${CMAKE:-cmake}
+python=${PYTHON:-python3}
 
 fail() {
   echo "$*" >&2
@@ -13,7 +13,7 @@ fail() {
 
 # Configures and builds one preset: build PRESET [CMAKE_ARGUMENT...]
 build() {
-  "$cmake" --preset "$1" --no-warn-unused-cli -D Python3_EXECUTABLE="$python" "${@:2}" >/dev/null
+  "$cmake" --preset "$1" --no-warn-unused-cli -D Python3_EXECUTABLE="$(command -v "$python")" "${@:2}" >/dev/null
   "$cmake" --build --preset "$1"
 }
 

@@ -57,7 +57,9 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
         return commands.add_parser(name, help=about, parents=parents, **described)
 
     batch = add("batch", "one request a file, on several threads", a_pass, account, calls)
-    batch.add_argument("paths", metavar="PATH", nargs="+", type=_existing, help="a file, or a directory to walk")
+    batch.add_argument(
+        "paths", metavar="PATH", nargs="+", type=_existing, help="a file, or a directory to walk"
+    )
     tool = add("tool", "one request, with a deadline", deadline, account, calls)
     tool.add_argument("path", metavar="PATH", type=_existing, help="of the file in question")
     add("spend", "what was paid today, against the cap", account)

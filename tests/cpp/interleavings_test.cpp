@@ -84,6 +84,11 @@ TEST(InterleavingsTest, NoneAdmitsTooMuchOrLosesAWakeUp) {
                            {{10, 0}, {not_known, 7}, {3, 7}},
                            {{not_known, -1}, {10, 7}, {10, -1}}};
     Interleaving{choose, day ? of_day : of_pass, admit}.run(calls[choose(3)]);
+    if (HasFailure()) {
+      std::string choices = "the choices that led there:";
+      for (const auto& [choice, options] : path) choices += " " + std::to_string(choice);
+      FAIL() << choices;
+    }
     while (!path.empty() && ++path.back().first == path.back().second) path.pop_back();
   } while (!path.empty());
 }
