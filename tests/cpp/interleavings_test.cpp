@@ -86,7 +86,7 @@ TEST(InterleavingsTest, NoneAdmitsTooMuchOrLosesAWakeUp) {
     Interleaving{choose, day ? of_day : of_pass, admit}.run(calls[choose(3)]);
     if (HasFailure()) {
       std::string choices = "the choices that led there:";
-      for (const auto& [choice, options] : path) choices += " " + std::to_string(choice);
+      for (const auto& [choice, options] : path) choices.append(" ").append(std::to_string(choice));
       FAIL() << choices;
     }
     while (!path.empty() && ++path.back().first == path.back().second) path.pop_back();
