@@ -132,13 +132,19 @@ def callables_that_misbehave():
             assert due > 20
 
 
+def rings():
+    """Weak references to objects each of which only itself keeps alive, by one of its fields."""
+    budget, other, spend, dated, held, share = (
+        bounds.RunBudget(9, 9), bounds.RunBudget(9, 9), bounds.DailySpend(9.0, str, None),
+        bounds.DailySpend(9.0, str, None), bounds._Held(), bounds.Share(),
+    )  # fmt: skip
+    budget.should_stop, spend._ledger, dated._today = budget.hold, spend.charge, dated.spent
+    share._give_back, held.me, other.share = share.settle, held, other.hold(1.0)
+    return [weakref.ref(thing) for thing in (budget, other, spend, dated, held, share)]
+
+
 def cycles_and_chains():
-    budget = bounds.RunBudget(9, 9, should_stop=lambda: budget is None)
-    spend = bounds.DailySpend(9.0, lambda: spend and DAY, lambda day: spend and 0.0)
-    tokens, dollars, share = budget.hold(1.0), admit(spend), bounds.Share()
-    share._give_back, tokens.action, spend.share = share.settle, tokens._give_back, dollars
-    references = [weakref.ref(thing) for thing in (budget, spend, tokens, dollars, share)]
-    del budget, spend, tokens, dollars, share
+    references = rings()
     gc.collect()
     assert not any(reference() for reference in references)
     share, budget = bounds.Share(), bounds.RunBudget(9, 9)

@@ -177,8 +177,9 @@ def test_rates_bound_a_request_once_its_feature_was_paid_for():
 
 
 @pytest.mark.parametrize("which", ["budget", "spend"])
-def test_many_threads_fill_a_bound_and_never_pass_it(kind, which):
+def test_many_threads_fill_a_bound_and_never_pass_it(kind, which, monkeypatch):
     bound = kind.budget(10**9, 29_999) if which == "budget" else kind.spend(29_999.0)
+    monkeypatch.setattr(bounds, "_POLL_S", 60.0)
     used, held = ("input_tokens", "_held_tokens") if which == "budget" else ("_cost", "_held")
 
     def work(seed):

@@ -67,6 +67,7 @@ def test_the_modules_globals_are_looked_up_at_each_use(kind, monkeypatch):
 
 def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind):
     for bound, calls in ((kind.budget(), 3), (kind.spend(), 4)):
+        admit(bound).settle(None)
         bound._changed.notify_all = Mock()
         for reply in (None, Reply(), object()):
             attempt(admit(bound).settle, reply)
