@@ -1,6 +1,7 @@
 // What must stay flat: a look-up among many features, and a budget's ten-millionth call.
 
 #include <algorithm>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <unordered_set>
@@ -12,22 +13,27 @@
 namespace decision_bounds::bench {
 namespace {
 
+constexpr std::int64_t size = 1000;  // bytes, of a request
+
 struct OurFeatures {
-  void add(const std::string& feature) { rates.learn(1000, feature, Reply()); }
-  double cost(const std::string& feature) { return rates.cost(1000, feature); }
+  void add(const std::string& feature) { rates.learn(size, feature, Reply()); }
+  double cost(const std::string& feature) { return rates.cost(size, feature); }
 
   RequestRates rates;
 };
 
+/// The same written plainly: a set of names and two maxima under a mutex.
 struct PlainFeatures {
   void add(const std::string& feature) { all.insert(feature); }
-  bool cost(const std::string& feature) {
+  double cost(const std::string& feature) {
     const std::lock_guard lock(mutex);
-    return all.contains(feature);
+    if (!all.contains(feature)) return std::numeric_limits<double>::infinity();
+    return std::max(per_call, per_byte * static_cast<double>(size));
   }
 
   std::mutex mutex;
   std::unordered_set<std::string> all;
+  double per_call = 0.000001, per_byte = 0.000000001;
 };
 
 template <class Features>

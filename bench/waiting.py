@@ -1,5 +1,6 @@
 """Section 3: Python threads that wait for room."""
 
+import sys
 import threading
 import time
 from collections.abc import Callable
@@ -50,7 +51,7 @@ class Plain:
 
     def __init__(self, max_calls: int, max_tokens: int, should_stop: Callable[[], bool]) -> None:
         self.max_calls, self.max_tokens, self.should_stop = max_calls, max_tokens, should_stop
-        self.calls = self.input_tokens = self.in_flight = 0
+        self.calls = self.cache_hits = self.input_tokens = self.in_flight = 0
         self.held = self.cost = 0.0
         self.changed = threading.Condition()
 
@@ -76,14 +77,17 @@ class PlainShare:
     def __init__(self, gate: Plain, tokens: float) -> None:
         self.gate, self.tokens = gate, tokens
 
-    def settle(self, reply: Reply) -> None:
+    def settle(self, reply: Reply | None) -> None:
         gate = self.gate
         with gate.changed:
             gate.in_flight -= 1
-            gate.held -= self.tokens
-            gate.calls += 1
-            gate.input_tokens += reply.input_tokens
-            gate.cost += reply.cost
+            gate.held = max(0.0, gate.held - self.tokens) if gate.in_flight else 0.0
+            if reply is not None and reply.cached:
+                gate.cache_hits += 1
+            elif reply is not None:
+                gate.calls += 1
+                gate.input_tokens += reply.input_tokens
+                gate.cost += reply.cost
             gate.changed.notify_all()
 
 
@@ -160,7 +164,7 @@ def processor_share(kind: type, size: int) -> float:
 
 def wake_up(kind: type) -> tuple[list[float]]:
     """Seconds from settling to the one waiting call's start."""
-    count = 200
+    count = 20
     tests = Tests()
     gate = kind(10**9, LIMIT, should_stop=tests)
     go, started = threading.Semaphore(0), threading.Semaphore(0)
@@ -196,8 +200,13 @@ KINDS = (decision_bounds.RunBudget, Plain)
 
 def give_backs(size: int) -> list[Row]:
     section = "3. Python, one give-back by waiting calls"
-    visits = max(8, min(60, 6000 // size))
-    ours, theirs = pooled([partial(give_back, kind, size) for kind in KINDS], visits)
+    visits = max(16, min(60, 6000 // size))
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(0.1)  # else it is luck whether a thread that wakes many is interrupted
+    try:
+        ours, theirs = pooled([partial(give_back, kind, size) for kind in KINDS], visits)
+    finally:
+        sys.setswitchinterval(interval)
     return [
         Row(section, operation, trimmed_mean(own), "s", PEER, trimmed_mean(other), 1.1, size)
         for operation, own, other in zip(("settle alone", "until all tested again"), ours, theirs)
@@ -205,14 +214,14 @@ def give_backs(size: int) -> list[Row]:
 
 
 def idle(size: int) -> Row:
-    visits = [[processor_share(kind, size) for kind in KINDS] for _ in range(6)]
-    ours, theirs = map(min, zip(*visits))
+    visits = [[processor_share(kind, size) for kind in KINDS] for _ in range(24)]
+    ours, theirs = (min(turns) for turns in zip(*visits))
     section = "3. Python, processor time by calls that wait in vain"
     return Row(section, "processor time", ours, "s/s", PEER, theirs, 1.1, size)
 
 
 def wake_ups() -> list[Row]:
-    [ours], [theirs] = pooled([partial(wake_up, kind) for kind in KINDS], visits=20)
+    [ours], [theirs] = pooled([partial(wake_up, kind) for kind in KINDS], visits=200)
     section = "3. Python, from settle to admitted"
     return [
         Row(section, "median", median(ours), "s", PEER, median(theirs), 1.1),

@@ -11,15 +11,24 @@
 namespace decision_bounds {
 namespace {
 
+/// A feature to look up. Its hash is computed once, before the lock is taken.
+struct Feature {
+  explicit Feature(std::string_view name) : text(name), hash(std::hash<std::string_view>()(name)) {}
+
+  std::string_view text;
+  std::size_t hash;
+};
+
+bool operator==(const Feature& feature, const std::string& text) { return feature.text == text; }
+
 // Not noexcept: the standard library's set then keeps the hashes of its texts, where it would
 // compute those of a whole bucket anew at each look-up.
-struct TextHash {
+struct FeatureHash {
   using is_transparent = void;
-  std::size_t operator()(std::string_view text) const {
-    return std::hash<std::string_view>()(text);
-  }
+  std::size_t operator()(const Feature& feature) const { return feature.hash; }
+  std::size_t operator()(const std::string& text) const { return Feature(text).hash; }
 };
-using FeatureSet = std::unordered_set<std::string, TextHash, std::equal_to<>>;
+using FeatureSet = std::unordered_set<std::string, FeatureHash, std::equal_to<>>;
 
 class SetFeatures {
  public:
@@ -28,12 +37,12 @@ class SetFeatures {
   [[nodiscard]] bool empty() const { return all_.empty(); }
   [[nodiscard]] bool known() const { return all_.contains(one_); }
   void add() {
-    if (!known()) all_.emplace(one_);
+    if (!known()) all_.emplace(one_.text);
   }
 
  private:
   FeatureSet& all_;
-  std::string_view one_;
+  Feature one_;
 };
 
 }  // namespace

@@ -15,7 +15,12 @@ namespace decision_bounds {
 void StdCondition::lock() DECISION_BOUNDS_NO_ANALYSIS {
   // Only this thread can have put its own id there, so a relaxed read cannot mislead it.
   if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
-    mutex_.lock();
+    if (!mutex_.try_lock()) {
+      // What is done with the lock held takes less time than falling asleep. Stepping aside once
+      // lets the owner do all it is about to do, where a hand-over for each step would cost more.
+      std::this_thread::yield();
+      mutex_.lock();
+    }
     owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   }
   ++depth_;
