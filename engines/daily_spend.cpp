@@ -88,8 +88,7 @@ Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
 void give_back_here(State& state, DailySpendObject& self, double held, PyObject* reply) {
   HostSpend spend(state, self, Locking::must_go_on);
   const HostReply paid(state, reply);
-  spend.give_back(held, reply == Py_None ? nullptr : &paid);
-  spend.finish();
+  spend.finish([&] { spend.give_back(held, reply == Py_None ? nullptr : &paid); });
 }
 
 Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments) {

@@ -75,8 +75,13 @@ class HostBudget final : public internal::RunBudgetSteps {
     });
   }
 
+  /// Runs the `steps` that end a call.
+  template <class Steps>
+  void finish(Steps steps) {
+    condition_.finish(steps);
+  }
+
   [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.run_budget); }
-  void finish() const { condition_.finish(); }
 
  private:
   [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }

@@ -79,7 +79,11 @@ class HostSpend final : public internal::DailySpendSteps {
         [stopping = waiting.stopping] { return truth(call(stopping)); });
   }
 
-  void finish() const { condition_.finish(); }
+  /// Runs the `steps` that end a call.
+  template <class Steps>
+  void finish(Steps steps) {
+    condition_.finish(steps);
+  }
 
  private:
   [[nodiscard]] PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }

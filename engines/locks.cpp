@@ -19,22 +19,6 @@ bool is_free(PyObject* lock) noexcept {
   return lock != nullptr && reinterpret_cast<const ReentrantLock*>(lock)->count == 0;
 }
 
-// A lock of the host's own is used as a `with` block would, or by acquire and release.
-
-void enter_by_name(const State& state, PyObject* lock) {
-  Owned enter = get_if_there(lock, state.name(Name::__enter__));
-  if (!enter) enter = get(lock, state.name(Name::acquire));
-  call(enter.get());
-}
-
-void exit_by_name(const State& state, PyObject* lock) {
-  if (const Owned exit = get_if_there(lock, state.name(Name::__exit__))) {
-    call(exit.get(), Py_None, Py_None, Py_None);
-  } else {
-    call_method(lock, state.name(Name::release));
-  }
-}
-
 // Reading methods makes objects, which may start the garbage collector and so run Python code that
 // sets the very field: after a bind the field is looked at again, so many times at most.
 constexpr int binds = 3;
@@ -96,8 +80,6 @@ bool is_bound(const State& state, ConditionField& field, bool& ran) {
   return false;
 }
 
-constexpr int interrupts_put_off = 100;
-
 }  // namespace
 
 PyTypeObject* transparent_lock_type(const State& state) {
@@ -152,11 +134,30 @@ void ConditionField::clear() noexcept {
   }
 }
 
+void LockByName::lock(const State& state, PyObject* lock) {
+  Owned enter = get_if_there(lock, state.name(Name::__enter__));
+  Owned exit = get_if_there(lock, state.name(Name::__exit__));
+  if (enter && exit) {
+    call(enter.get());
+    exit_ = std::move(exit);
+  } else {
+    enter = get(lock, state.name(Name::acquire));
+    Owned release = get(lock, state.name(Name::release));
+    call(enter.get());
+    release_ = std::move(release);
+  }
+}
+
+void LockByName::unlock() {
+  if (exit_) call(exit_.get(), Py_None, Py_None, Py_None);
+  if (release_) call(release_.get());
+}
+
 void HostLock::lock() {
   bool ran = false;
   if (!is_bound(state_, field_, ran)) {
-    by_name_ = Owned::copy(set_or_raise(field_.object, self_, "_lock"));
-    enter_by_name(state_, by_name_.get());
+    const Owned lock = Owned::copy(set_or_raise(field_.object, self_, "_lock"));
+    by_name_.lock(state_, lock.get());
     return;
   }
   if (section_ == Section::brief && !ran &&
@@ -170,25 +171,30 @@ void HostLock::lock() {
 void HostLock::unlock() {
   if (release_) {
     call_builtin(release_.get(), state_.no_arguments);
-  } else if (by_name_) {
-    exit_by_name(state_, by_name_.get());
+  } else {
+    by_name_.unlock();
+  }
+}
+
+template <class Step>
+void HostCondition::insist_on(Step step) {
+  constexpr int interrupts_put_off = 100;
+  for (int interrupts = 0; interrupts <= interrupts_put_off; ++interrupts) {
+    try {
+      return step();
+    } catch (RaisedInterrupt&) {
+      if (locking_ == Locking::may_fail) throw;
+      if (!kept_) kept_ = std::current_exception();
+    }
   }
 }
 
 void HostCondition::lock() {
-  for (int interrupts = 0;; ++interrupts) {
-    try {
-      enter();
-      return;
-    } catch (RaisedError&) {
-      if (locking_ == Locking::may_fail) throw;
-      if (!kept_) kept_ = std::current_exception();
-      return;
-    } catch (RaisedInterrupt&) {
-      if (locking_ == Locking::may_fail) throw;
-      if (!kept_) kept_ = std::current_exception();
-      if (interrupts == interrupts_put_off) return;
-    }
+  try {
+    insist_on([this] { enter(); });
+  } catch (RaisedError&) {
+    if (locking_ == Locking::may_fail) throw;
+    kept_ = std::current_exception();
   }
 }
 
@@ -196,7 +202,7 @@ void HostCondition::enter() {
   bool ran = false;
   if (!is_bound(state_, field_, ran)) {
     condition_ = Owned::copy(set_or_raise(field_.object, self_, "_changed"));
-    enter_by_name(state_, condition_.get());
+    by_name_.lock(state_, condition_.get());
     hold_ = Hold::taken;
     return;
   }
@@ -210,7 +216,6 @@ void HostCondition::enter() {
 
 bool HostCondition::take_now() {
   if (hold_ != Hold::brief) return false;
-  hold_ = Hold::none;
   call_builtin(acquire_.get(), state_.no_arguments);
   hold_ = Hold::taken;
   return true;
@@ -221,7 +226,7 @@ void HostCondition::unlock() {
   if (release_) {
     call_builtin(release_.get(), state_.no_arguments);
   } else {
-    exit_by_name(state_, condition_.get());
+    by_name_.unlock();
   }
 }
 
@@ -248,11 +253,13 @@ bool HostCondition::owned() const {
 void HostCondition::notify_all() {
   if (hold_ == Hold::none) return;  // its waiters look again by themselves
   if (waiters_ && PyObject_Size(waiters_.get()) == 0) return;
-  take_now();
-  call_method(condition_.get(), state_.name(Name::notify_all));
+  insist_on([this] {
+    take_now();
+    call_method(condition_.get(), state_.name(Name::notify_all));
+  });
 }
 
-void HostCondition::finish() const {
+void HostCondition::throw_kept() const {
   if (kept_) std::rethrow_exception(kept_);
 }
 

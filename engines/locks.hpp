@@ -19,9 +19,9 @@ enum class Section {
 /// Whether an operation may be refused its lock.
 enum class Locking {
   may_fail,
-  /// It gives back what a call holds: an interrupt is put off until the lock is there, and with a
-  /// lock that fails for good the steps run without it; the interpreter's lock keeps each of them
-  /// whole. The error is kept, for finish().
+  /// It gives back what a call holds: an interrupt is put off until the lock is there, or the
+  /// waiters are woken, and with a lock that fails for good the steps run without it; the
+  /// interpreter's lock keeps each of them whole. finish() throws the error at the end.
   must_go_on,
 };
 
@@ -53,6 +53,18 @@ struct ConditionField {
 /// else null.
 PyTypeObject* transparent_lock_type(const State& state);
 
+/// A lock of the host's own, used as a `with` block would or, where it has no such methods, by
+/// acquire and release. How to let it go is looked up before it is taken: that may fail.
+class LockByName {
+ public:
+  void lock(const State& state, PyObject* lock);
+  /// Does nothing where it was not taken.
+  void unlock();
+
+ private:
+  Owned exit_, release_;  // at most one of them
+};
+
 class HostLock final : public Lock {
  public:
   HostLock(const State& state, PyObject* self, LockField& field, Section section)
@@ -66,7 +78,8 @@ class HostLock final : public Lock {
   PyObject* self_;
   LockField& field_;
   Section section_;
-  Owned by_name_, release_;  // how to let it go; both null where it was not taken
+  LockByName by_name_;
+  Owned release_;  // null where the lock is used by name, or was not taken
 };
 
 class HostCondition final : public Condition {
@@ -92,11 +105,24 @@ class HostCondition final : public Condition {
   }
   /// The condition that this operation locked.
   [[nodiscard]] PyObject* object() const noexcept { return condition_.get(); }
-  /// Throws the error that lock() kept, if there is one.
-  void finish() const;
+  /// Runs the `steps` that end a call; then throws the error that was put off, or theirs.
+  template <class Steps>
+  void finish(Steps steps) {
+    try {
+      steps();
+    } catch (Raised&) {
+      throw_kept();
+      throw;
+    }
+    throw_kept();
+  }
 
  private:
   void enter();
+  /// Runs `step`; where the operation must go on, once more whenever an interrupt ends it.
+  template <class Step>
+  void insist_on(Step step);
+  void throw_kept() const;
   [[nodiscard]] bool owned() const;
 
   const State& state_;
@@ -105,6 +131,7 @@ class HostCondition final : public Condition {
   Section section_;
   Locking locking_;
   Owned condition_;
+  LockByName by_name_;
   Owned acquire_, release_, waiters_;  // null where the condition is used by name
   enum class Hold { none, brief, taken } hold_ = Hold::none;
   std::exception_ptr kept_;

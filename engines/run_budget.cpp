@@ -116,8 +116,7 @@ Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
   const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
   HostBudget budget(state, self, Section::brief, Locking::must_go_on);
-  budget.release(tokens);
-  budget.finish();
+  budget.finish([&] { budget.release(tokens); });
   return none();
 }
 
@@ -126,9 +125,9 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   const auto [result, reserved] = sorted(state, parameters, arguments);
   const std::optional<double> tokens =
       reserved != nullptr ? std::optional(as_tokens(reserved)) : std::nullopt;
+  const HostReply paid(state, as_reply(result, "result"));
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
-  budget.charge(HostReply(state, as_reply(result, "result")), tokens);
-  budget.finish();
+  budget.finish([&] { budget.charge(paid, tokens); });
   return none();
 }
 
@@ -139,8 +138,8 @@ void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject
                     reply == Py_None ? Section::brief : Section::calls_python, Locking::must_go_on);
   if (budget.is_untouched()) {
     const HostReply paid(state, reply);
-    budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid);
-    budget.finish();
+    budget.finish(
+        [&] { budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid); });
   } else if (reply == Py_None) {
     call_method(object, state.name(Name::release), tokens);
   } else {
