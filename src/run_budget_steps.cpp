@@ -32,27 +32,23 @@ void RunBudgetSteps::reserve(double tokens) {
 
 void RunBudgetSteps::release(double tokens) {
   Guard guard(changed_);
-  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
-  leave_locked(tokens);
-  wake.dismiss();
-  changed_.notify_all();
+  release_locked(tokens);
   guard.unlock();
 }
 
 void RunBudgetSteps::charge(const PaidReply& reply, std::optional<double> reserved) {
   Guard guard(changed_);
-  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
   const double tokens = reserved.value_or(0.0);
-  OnError unread([&]() DECISION_BOUNDS_NO_ANALYSIS { leave_locked(tokens); });
+  OnError unread([&]() DECISION_BOUNDS_NO_ANALYSIS { release_locked(tokens); });
   if (!reserved) unread.dismiss();  // there is no call to end, and it must not end another's
   const bool cached = reply.cached();
   unread.dismiss();
   if (cached) {
-    wake.dismiss();
     counts_.cache_hits = saturating_add(counts_.cache_hits, 1);
     guard.unlock();
     return;
   }
+  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
   leave_locked(tokens);
   counts_.calls = saturating_add(counts_.calls, 1);
   const std::int64_t input_tokens = reply.input_tokens();  // may itself use the budget
@@ -85,6 +81,13 @@ std::string RunBudgetSteps::printed_summary_locked() { return to_string(summary_
 
 void RunBudgetSteps::wait() {
   wait_for_room(changed_, [this] { return stopping(); });
+}
+
+void RunBudgetSteps::release_locked(double tokens) {
+  OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
+  leave_locked(tokens);
+  wake.dismiss();
+  changed_.notify_all();
 }
 
 void RunBudgetSteps::leave_locked(double tokens) {

@@ -50,6 +50,7 @@ class RunBudgetSteps {
   RunCounts& counts_ DECISION_BOUNDS_GUARDED_BY(changed_);
 
  private:
+  void release_locked(double tokens) DECISION_BOUNDS_REQUIRES(changed_);
   void leave_locked(double tokens) DECISION_BOUNDS_REQUIRES(changed_);
 
   HeldAmounts& held_ DECISION_BOUNDS_GUARDED_BY(changed_);
