@@ -174,6 +174,13 @@ std::optional<double> as_deadline(PyObject* value);
 double as_double(PyObject* value, const char* what);
 std::int64_t as_int64(PyObject* value, const char* what);
 std::string as_string(PyObject* value, const char* what);
+/// 0 for an argument that was left out (null).
+inline double double_or_0(PyObject* value, const char* what) {
+  return value != nullptr ? as_double(value, what) : 0.0;
+}
+inline std::int64_t int64_or_0(PyObject* value, const char* what) {
+  return value != nullptr ? as_int64(value, what) : 0;
+}
 /// Returns `value`, or raises TypeError unless it can be called.
 PyObject* as_callable(PyObject* value, const char* what);
 

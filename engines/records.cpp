@@ -12,22 +12,14 @@ void ChargesObject::clear() noexcept {}
 
 namespace {
 
-std::int64_t int64_or(PyObject* value, const char* name, std::int64_t otherwise) {
-  return value != nullptr ? as_int64(value, name) : otherwise;
-}
-
-double double_or(PyObject* value, const char* name, double otherwise) {
-  return value != nullptr ? as_double(value, name) : otherwise;
-}
-
 // ---- _Held ----
 
 void init_held(State& state, HeldObject& self, const Arguments& arguments) {
   constexpr Parameters<3> parameters{"_Held", {Name::holders, Name::amount, Name::unbounded}, 3, 0};
   const auto [holders, amount, unbounded] = sorted(state, parameters, arguments);
-  self.record = {.holders = int64_or(holders, "holders", 0),
-                 .amount = double_or(amount, "amount", 0.0),
-                 .unbounded = int64_or(unbounded, "unbounded", 0)};
+  self.record = {.holders = int64_or_0(holders, "holders"),
+                 .amount = double_or_0(amount, "amount"),
+                 .unbounded = int64_or_0(unbounded, "unbounded")};
   self.deleted = 0;
 }
 
@@ -66,8 +58,8 @@ Owned reduce_held(State& state, HeldObject& self, const Arguments& arguments) {
 void init_charges(State& state, ChargesObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"_Charges", {Name::per_byte, Name::per_call}, 2, 0};
   const auto [per_byte, per_call] = sorted(state, parameters, arguments);
-  self.record = {.per_byte = double_or(per_byte, "per_byte", 0.0),
-                 .per_call = double_or(per_call, "per_call", 0.0)};
+  self.record = {.per_byte = double_or_0(per_byte, "per_byte"),
+                 .per_call = double_or_0(per_call, "per_call")};
   self.deleted = 0;
 }
 

@@ -22,16 +22,13 @@ void RunBudgetObject::clear() noexcept {
 namespace {
 
 RunCounts as_counts(std::span<PyObject* const> values) {
-  const auto count = [&](std::size_t i, const char* name) -> std::int64_t {
-    return values[i] != nullptr ? as_int64(values[i], name) : 0;
-  };
-  return {.max_calls = count(0, "max_calls"),
-          .max_tokens = count(1, "max_tokens"),
-          .calls = count(2, "calls"),
-          .input_tokens = count(3, "input_tokens"),
-          .cost = values[4] != nullptr ? as_double(values[4], "cost") : 0.0,
-          .cache_hits = count(5, "cache_hits"),
-          .in_flight = count(6, "in_flight")};
+  return {.max_calls = as_int64(values[0], "max_calls"),
+          .max_tokens = as_int64(values[1], "max_tokens"),
+          .calls = int64_or_0(values[2], "calls"),
+          .input_tokens = int64_or_0(values[3], "input_tokens"),
+          .cost = double_or_0(values[4], "cost"),
+          .cache_hits = int64_or_0(values[5], "cache_hits"),
+          .in_flight = int64_or_0(values[6], "in_flight")};
 }
 
 void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
@@ -61,9 +58,6 @@ void init(State& state, RunBudgetObject& self, const Arguments& arguments) {
   replace(self.changed.object, std::move(changed));
 }
 
-/// A tokens argument with a default of 0.
-double as_tokens(PyObject* value) { return value != nullptr ? as_double(value, "tokens") : 0.0; }
-
 Owned stopping(State& state, RunBudgetObject& self, const Arguments& arguments) {
   sorted(state, Parameters<0>{"stopping", {}}, arguments);
   return to_bool(should_stop(state, self));
@@ -92,7 +86,7 @@ Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& argum
 
 Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"reserve", {Name::tokens}, 1, 0};
-  const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
+  const double tokens = double_or_0(sorted(state, parameters, arguments)[0], "tokens");
   HostBudget(state, self, Section::brief).reserve(tokens);
   return none();
 }
@@ -114,7 +108,7 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
 
 Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
-  const double tokens = as_tokens(sorted(state, parameters, arguments)[0]);
+  const double tokens = double_or_0(sorted(state, parameters, arguments)[0], "tokens");
   HostBudget budget(state, self, Section::brief, Locking::must_go_on);
   budget.finish([&] { budget.release(tokens); });
   return none();
@@ -124,7 +118,7 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
   const std::optional<double> tokens =
-      reserved != nullptr ? std::optional(as_tokens(reserved)) : std::nullopt;
+      reserved != nullptr ? std::optional(as_double(reserved, "tokens")) : std::nullopt;
   const HostReply paid(state, as_reply(result, "result"));
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
   budget.finish([&] { budget.charge(paid, tokens); });

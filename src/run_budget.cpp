@@ -62,14 +62,6 @@ class RunBudget::Steps final : public internal::RunBudgetSteps {
   std::unique_ptr<Condition> owned_;
 };
 
-namespace {
-
-std::unique_ptr<Condition> or_std(std::unique_ptr<Condition> changed) {
-  return changed ? std::move(changed) : std::make_unique<StdCondition>();
-}
-
-}  // namespace
-
 RunBudget::RunBudget(std::int64_t max_calls, std::int64_t max_tokens, StopSignal should_stop,
                      std::unique_ptr<Condition> changed)
     : RunBudget(RunCounts{.max_calls = max_calls, .max_tokens = max_tokens}, std::move(should_stop),
@@ -77,7 +69,9 @@ RunBudget::RunBudget(std::int64_t max_calls, std::int64_t max_tokens, StopSignal
 
 RunBudget::RunBudget(const RunCounts& counts, StopSignal should_stop,
                      std::unique_ptr<Condition> changed)
-    : steps_(std::make_unique<Steps>(counts, std::move(should_stop), or_std(std::move(changed)))) {}
+    : steps_(std::make_unique<Steps>(
+          counts, std::move(should_stop),
+          changed ? std::move(changed) : std::make_unique<StdCondition>())) {}
 
 RunBudget::~RunBudget() = default;
 
