@@ -16,23 +16,28 @@ namespace {
 constexpr std::int64_t size = 1000;  // bytes, of a request
 
 struct OurFeatures {
-  void add(const std::string& feature) { rates.learn(size, feature, Reply()); }
-  double cost(const std::string& feature) { return rates.cost(size, feature); }
+  void add(std::string_view feature) { rates.learn(size, feature, Reply()); }
+  double cost(std::string_view feature) { return rates.cost(size, feature); }
 
   RequestRates rates;
 };
 
-/// The same written plainly: a set of names and two maxima under a mutex.
+/// The same written plainly: a set of names, to be looked up by their text, and two maxima under a
+/// mutex.
 struct PlainFeatures {
-  void add(const std::string& feature) { all.insert(feature); }
-  double cost(const std::string& feature) {
+  struct Hash : std::hash<std::string_view> {
+    using is_transparent = void;
+  };
+
+  void add(std::string_view feature) { all.emplace(feature); }
+  double cost(std::string_view feature) {
     const std::lock_guard lock(mutex);
     if (!all.contains(feature)) return std::numeric_limits<double>::infinity();
     return std::max(per_call, per_byte * static_cast<double>(size));
   }
 
   std::mutex mutex;
-  std::unordered_set<std::string> all;
+  std::unordered_set<std::string, Hash, std::equal_to<>> all;
   double per_call = 0.000001, per_byte = 0.000000001;
 };
 

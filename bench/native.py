@@ -64,8 +64,7 @@ def measured(program: Path, output: Path) -> list[Row]:
     section = "3. C++, from settle to admitted"
     add(section, "median", ("wake_ups", "latency/median"), PLAIN, 1.1, curve=False)
     add(section, "99th percentile", ("wake_ups", "latency/p99"), PLAIN, 1.1, curve=False)
-    add("3. C++, cost by features", "cost", ("cost", "time/min"), "unordered_set under a mutex",
-        1.1)
+    add("3. C++, cost by features", "cost", ("cost", "time/min"), "plain mutex, set, maxima", 1.1)
     add("3. C++, the 10-millionth call", "hold, settle", ("ten_millionth", "time/min"),
         "calls 1,001 to 10,000", 1.1, curve=False)
     for operation, key in (("an atomic exchange", "floor_exchange"),
