@@ -67,14 +67,22 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
   as_callable(bound, "bound");
   as_callable(clock, "clock");
   as_callable(stopping, "stopping");
+  auto* object = reinterpret_cast<PyObject*>(&self);
   Owned share = new_share(state);
-  Owned held;  // what bound() last said: nothing is left to allocate once it is held
-  const auto ask = [&held, callable = bound] {
+  Owned held;    // what bound() last said: nothing is left to allocate once it is held
+  Owned action;  // of an account whose _give_back may be another
+  const auto ask = [&, callable = bound] {
     held = as_float(call(callable).get(), "bound()");
+    action =
+        untouched(&self, state.daily_spend) ? Owned() : dollars_action(state, object, held.get());
     return PyFloat_AS_DOUBLE(held.get());
   };
   HostSpend(state, self).admit(ask, {deadline, clock, stopping});
-  arm(share, Action::daily_spend, reinterpret_cast<PyObject*>(&self), std::move(held));
+  if (action) {
+    arm(share, Action::callable, action.get(), {});
+  } else {
+    arm(share, Action::daily_spend, object, std::move(held));
+  }
   return share;
 }
 
@@ -113,13 +121,9 @@ Owned spent_since(State& state, DailySpendObject& self,
 
 }  // namespace
 
-void give_back_dollars(State& state, PyObject* object, PyObject* held, PyObject* reply) {
-  auto& self = *reinterpret_cast<DailySpendObject*>(object);
-  if (untouched(&self, state.daily_spend)) {
-    give_back_here(state, self, PyFloat_AS_DOUBLE(held), reply);
-  } else {
-    call_method(object, state.name(Name::_give_back), held, reply);
-  }
+void give_back_dollars(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
+  give_back_here(state, *reinterpret_cast<DailySpendObject*>(spend), PyFloat_AS_DOUBLE(held),
+                 reply);
 }
 
 PyTypeObject* make_daily_spend_type(PyObject* module) {
@@ -148,10 +152,13 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
           "admit($self, bound, *, deadline, clock, stopping)\n--\n\n"
           "Admits one paid call and returns its Share of today's cap.\n\n"
           "bound: a function that gives the most that the call may cost, in US dollars;\n"
-          "infinity when that is not known (such a call runs alone). Asked again after\n"
-          "each wait. deadline: when the call ends, on the scale of clock (a monotonic\n"
+          "infinity when that is not known (such a call runs alone); a negative one makes\n"
+          "room for others. Asked again after each wait. deadline: when the call ends, on the "
+          "scale of clock (a monotonic\n"
           "clock in seconds), or None. stopping: whether the call's pass is stopping.\n\n"
-          "Blocks while the calls in flight hold the rest of the cap. Raises\n"
+          "Blocks as spent() does, and while the calls in flight hold the rest of the cap.\n"
+          "A call that is admitted or refused at once looks at neither the deadline nor\n"
+          "stopping. Raises\n"
           "DecisionBudgetExceeded when the settled calls of today cost the cap (the day's\n"
           "first refusal is logged), DecisionTimeout when the deadline passes,\n"
           "DecisionStopped when the pass stops (seen within 0.1 s), and whatever the\n"
@@ -162,15 +169,16 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
           "charge",
           "charge($self, reply)\n--\n\n"
           "Counts, in US dollars, an attempt that no share stands for: sent, and billed\n"
-          "perhaps, but its reply was never read. Wakes every waiting call. Blocks\n"
-          "as spent() does."),
+          "perhaps, but its reply was never read. Wakes every waiting call. Only\n"
+          "reply.cost is read, of a cached reply too; what it or today() raises passes\n"
+          "out, and nothing is counted. Blocks as spent() does."),
       method<give_back>(
           "_give_back",
           "_give_back($self, held, reply)\n--\n\n"
           "Ends a call that was admitted with held US dollars: counts reply, unless it\n"
           "is None, on the day that it settles, returns held, and wakes every waiting\n"
           "call. held returns even when today() or reply.cost raises; that passes\n"
-          "out."),
+          "out. Blocks for the lock and, with a reply on a new day, for the ledger."),
       method<today_locked>("_today_locked",
                            "_today_locked($self)\n--\n\n"
                            "spent() for a caller that holds the lock of _changed."),
@@ -186,11 +194,14 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
        .doc = "DailySpend(cap, today, ledger)\n--\n\n"
               "The daily cost cap: what the paid calls of one UTC day cost, and what the calls in\n"
               "flight hold of the cap. A call counts on the day on which it settles.\n\n"
-              "cap: US dollars that the paid calls of one day may cost. today: a function that\n"
+              "cap: US dollars that the paid calls of one day may cost; not above what the day\n"
+              "has cost, or NaN, refuses every call. today: a function that\n"
               "gives today's UTC date as \"YYYY-MM-DD\". ledger: a function that gives what the\n"
               "paid calls since such a date cost, in US dollars, asked once a day; or None. Both\n"
               "are called with the lock held and must not wait for another thread that uses this\n"
-              "account. Any thread may call any operation.",
+              "account. They may use it themselves; but the day begins when the ledger has\n"
+              "answered, so a ledger that calls spent() is asked again, and must see to it that\n"
+              "this ends. Any thread may call any operation.",
        .methods = methods,
        .attributes = attributes,
        .init = init_slot<Object, init>,

@@ -37,6 +37,10 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
   constexpr Parameters<4> parameters{
       "_wait", {Name::changed, Name::stopping, Name::deadline, Name::clock}, 2, 2};
   const auto [changed, stopping, deadline, clock] = sorted(state, parameters, arguments);
+  if (!get_if_there(changed, state.name(Name::wait))) {
+    raise(PyExc_TypeError, "changed must be a condition variable: %.200s has no wait()",
+          Py_TYPE(changed)->tp_name);
+  }
   as_callable(stopping, "stopping");
   std::function<double()> host_clock;
   if (clock != nullptr && clock != Py_None) {
@@ -56,9 +60,10 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
 
 }  // namespace
 
-PyMethodDef never_function = {"never", never_entry, METH_NOARGS,
-                              "never()\n--\n\n"
-                              "False, always: the stop signal that never comes."};
+PyMethodDef never_function = {
+    "never", never_entry, METH_NOARGS,
+    "never()\n--\n\n"
+    "False, always: the stop signal that never comes. Any thread may call it."};
 PyMethodDef nothing_function = function<nothing>("_nothing",
                                                  "_nothing(_reply)\n--\n\n"
                                                  "Does nothing: gives back a share of nothing.");
@@ -67,8 +72,9 @@ PyMethodDef wait_function = function<wait>(
     "_wait(changed, stopping, *, deadline=None, clock=None)\n--\n\n"
     "One wait for room on the condition changed, whose lock the caller holds: until\n"
     "a wake-up, for 0.1 s at most, never past deadline (on the scale of clock, in\n"
-    "seconds; both given, or no deadline is tested). Raises DecisionStopped when\n"
-    "stopping() is true, before it looks at the clock, and DecisionTimeout when no\n"
-    "time is left.");
+    "seconds; both given, or no deadline is tested). The lock is let go entirely\n"
+    "meanwhile, and held again in the end. Raises DecisionStopped when stopping() is\n"
+    "true, before it looks at the clock, DecisionTimeout when no time is left, and\n"
+    "what stopping and clock raise.");
 
 }  // namespace decision_bounds::python

@@ -14,7 +14,8 @@ from typing import Protocol, runtime_checkable
 class PaidReply(Protocol):
     """How a bound reads a reply of the decision endpoint; the client's reply type has these.
 
-    The library only reads them, with the bound's lock held, and passes out what a property raises.
+    The library only reads them, with a lock held, and passes out what a property raises. A property
+    may use the bound that reads it, but not the RequestRates that does: its lock is a plain one.
     """
 
     @property

@@ -172,16 +172,18 @@ PyTypeObject* make_request_rates_type(PyObject* module) {
       method<learn>(
           "learn",
           "learn($self, size, feature, reply)\n--\n\n"
-          "Takes in the paid reply to a request of size bytes of feature. Reads its cost\n"
-          "and input_tokens with the lock held; what that raises passes out, and the\n"
-          "feature may be known already."),
+          "Takes in the paid reply to a request of size bytes (below 1: taken as 1) of\n"
+          "feature. Reads its cost and input_tokens, not cached, with the lock held: they\n"
+          "must not use this object. What they raise passes out, and the feature may be\n"
+          "known already. Blocks only for the object's own lock."),
       {}};
   return make_type<RequestRatesObject>(
       module, {.name = "decision_bounds.RequestRates",
                .doc = "RequestRates()\n--\n\n"
                       "The most that a request may cost (US dollars) or use (input tokens) before\n"
                       "its reply says, learned from the paid replies so far. Any thread may call\n"
-                      "any operation. Sizes are in bytes.",
+                      "any operation. Sizes are in bytes; sizes and input tokens are integers of\n"
+                      "64 bits (OverflowError beyond).",
                .methods = methods,
                .attributes = attributes,
                .init = init_slot<RequestRatesObject, init>});

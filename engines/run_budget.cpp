@@ -159,9 +159,11 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
       int64_field(in_flight),    object_field(stop),      object_field(held),
       object_field(changed),     dict_attribute(),        {}};
   static PyMethodDef methods[] = {
-      method<stopping>("stopping",
-                       "stopping($self)\n--\n\n"
-                       "What should_stop() says now, as a bool. Takes no lock."),
+      method<stopping>(
+          "stopping",
+          "stopping($self)\n--\n\n"
+          "What should_stop() says now, as a bool; passes out what it raises. Takes no\n"
+          "lock."),
       method<exhausted>(
           "exhausted",
           "exhausted($self)\n--\n\n"
@@ -184,12 +186,12 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
           "reserve",
           "reserve($self, tokens=0.0)\n--\n\n"
           "Admits one paid call that may use tokens input tokens at most (infinity: not\n"
-          "known; such a call runs alone). The caller ends it with exactly one release\n"
-          "or charge; hold() sees to that.\n\n"
+          "known; such a call runs alone; a negative number makes room for others). The\n"
+          "caller ends it with exactly one release or charge; hold() sees to that.\n\n"
           "Blocks while the calls in flight hold the rest of the tokens; sees a stop\n"
           "within 0.1 s. Raises DecisionStopped when the pass is stopping and\n"
           "DecisionBudgetExceeded when no call slot is free or the settled calls used\n"
-          "up the tokens; then nothing is held."),
+          "up the tokens, and passes out what should_stop raises; then nothing is held."),
       method<hold>("hold",
                    "hold($self, tokens)\n--\n\n"
                    "Admits one paid call as reserve(tokens) does, and returns its Share: settled\n"
@@ -216,9 +218,11 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
               "should_stop: a function without arguments that says whether the pass is to\n"
               "stop. It may be called with the lock held, may read this budget, and must\n"
               "not wait for another thread that uses it.\n\n"
-              "The other fields are counters (cost in US dollars) and count 64 bits. Any\n"
-              "thread may call any operation; calls that wait for room are admitted in no\n"
-              "set order. Equal to another budget with the same limits and counters.",
+              "The other fields are counters (cost in US dollars). Counts and limits are\n"
+              "integers of 64 bits: a sum stays at the largest, and an argument or a reply's\n"
+              "input_tokens beyond raises OverflowError. Any thread may call any operation;\n"
+              "calls that wait for room are admitted in no set order. Equal to another\n"
+              "budget with the same limits and counters.",
        .methods = methods,
        .attributes = attributes,
        .init = init_slot<Object, init>,

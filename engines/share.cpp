@@ -36,11 +36,6 @@ Owned tokens_action(PyObject* budget, PyObject* tokens) {
   return checked([&] { return PyCFunction_New(&give_back_function, pair.get()); });
 }
 
-Owned dollars_action(const State& state, PyObject* spend, PyObject* held) {
-  const Owned give_back = get(spend, state.name(Name::_give_back));
-  return call(state.partial, give_back.get(), held);
-}
-
 /// Puts the action's Python object in the place of what it stands for.
 void materialise(const State& state, ShareObject& self) {
   if (self.action != Action::run_budget && self.action != Action::daily_spend) return;
@@ -135,6 +130,11 @@ Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
 
 }  // namespace
 
+Owned dollars_action(const State& state, PyObject* spend, PyObject* held) {
+  const Owned give_back = get(spend, state.name(Name::_give_back));
+  return call(state.partial, give_back.get(), held);
+}
+
 Owned new_share(const State& state) {
   PyTypeObject* type = state.share.type;
   return checked([=] { return type->tp_alloc(type, 0); });
@@ -157,11 +157,12 @@ PyTypeObject* make_share_type(PyObject* module) {
           "Gives the share back, counting reply (a PaidReply, or None when the call was\n"
           "not paid). A share given back already ignores it. The share counts as given\n"
           "back even when its action raises; that error passes out. Any thread may call\n"
-          "it; it blocks only for the bound's lock."),
+          "it. It blocks as its action does: for the bound's lock and, where a reply\n"
+          "begins a new day, for the ledger."),
       {"__enter__", enter, METH_NOARGS, "__enter__($self)\n--\n\nReturns the share itself."},
       method<exit>("__exit__",
                    "__exit__($self, /, *error)\n--\n\n"
-                   "Settles with None; the error that ended the block, if any, goes on."),
+                   "Does settle(None); the error that ended the block, if any, goes on."),
       {}};
   return make_type<ShareObject>(
       module, {.name = "decision_bounds.Share",

@@ -26,9 +26,10 @@ class RequestRates {
   [[nodiscard]] double cost(std::int64_t size, std::string_view feature);
   /// Input tokens, bounded in the same way. Infinity until any reply has been learned.
   [[nodiscard]] double tokens(std::int64_t size);
-  /// Takes in the paid reply to a request of `size` bytes. Passes out what reading the reply
-  /// throws; the steps before it stay done. A charge that is no number, or below the most, teaches
-  /// nothing.
+  /// Takes in the paid reply to a request of `size` bytes: from now on `feature` is known, and the
+  /// reply's cost and input tokens raise the most per call and the most per byte where they are
+  /// above them (NaN never is). Does not look at `cached`. Passes out what reading the reply
+  /// throws; the steps before it stay done.
   void learn(std::int64_t size, std::string_view feature, const PaidReply& reply);
 
  private:

@@ -48,7 +48,8 @@ RunSummary summary_of(const RunCounts& counts);
 std::string to_string(const RunSummary& summary);
 
 /// The bound of one batch pass: so many paid calls, so many input tokens, and a stop signal. Any
-/// thread may call any operation. Callers that wait for room are admitted in no set order.
+/// thread may call any operation; all but stopping block for the budget's lock. Callers that wait
+/// for room are admitted in no set order.
 class RunBudget {
  public:
   /// A new pass. Throws std::invalid_argument when `should_stop` is empty. Uses a StdCondition when
@@ -56,7 +57,7 @@ class RunBudget {
   RunBudget(std::int64_t max_calls, std::int64_t max_tokens, StopSignal should_stop = never,
             std::unique_ptr<Condition> changed = nullptr);
   /// Goes on from `counts`, for a pass that was begun elsewhere. Calls that they count as in flight
-  /// are ended with release or charge.
+  /// use a slot but hold no tokens; they are ended with release or charge.
   explicit RunBudget(const RunCounts& counts, StopSignal should_stop = never,
                      std::unique_ptr<Condition> changed = nullptr);
   RunBudget(const RunBudget&) = delete;  // its shares know it by its address
@@ -64,25 +65,27 @@ class RunBudget {
   ~RunBudget();
 
   /// Admits one paid call that may use `tokens` input tokens at most (infinity: not known; such a
-  /// call runs alone) and returns its share. Blocks while the calls in flight hold the rest of the
-  /// tokens; sees a stop within 0.1 s. Throws DecisionStopped when the pass is stopping and
-  /// DecisionBudgetExceeded when no call slot is free or the settled calls used up the tokens; then
+  /// call runs alone; a negative number makes room for others) and returns its share. Blocks while
+  /// the calls in flight hold the rest of the tokens; sees a stop within 0.1 s. Throws
+  /// DecisionStopped when the pass is stopping and DecisionBudgetExceeded when no call slot is free
+  /// or the settled calls used up the tokens, and passes out what the stop signal throws; then
   /// nothing is held. Settle the share with paid replies only: a cached one counts as a cache hit
   /// and leaves the slot and the tokens held.
   Share hold(double tokens);
   /// Like hold, without a share: the caller ends the call with exactly one release or charge.
   void reserve(double tokens = 0.0);
-  /// Gives back the slot and the `tokens` of a call that ended without a paid reply.
+  /// Gives back the slot and the `tokens` of a call that ended without a paid reply, and wakes
+  /// every waiting call.
   void release(double tokens = 0.0);
-  /// Counts the reply of a call that reserved `tokens`, and gives back what it held. A cached reply
-  /// only counts as a cache hit. Whatever reading the reply throws passes out after what the call
-  /// held has been given back.
+  /// Counts the reply of a call that reserved `tokens`, gives back what it held, and wakes every
+  /// waiting call. A cached reply only counts as a cache hit. Whatever reading the reply throws
+  /// passes out after what the call held has been given back.
   void charge(const PaidReply& reply, double tokens);
   /// Counts a cache hit. A reply that is not cached counts as that of a call that reserved 0
-  /// tokens; one that cannot be read changes nothing.
+  /// tokens; one whose cached() throws changes nothing.
   void charge(const PaidReply& reply);
 
-  /// What the stop signal says now. Takes no lock.
+  /// What the stop signal says now; passes out what it throws. Takes no lock.
   [[nodiscard]] bool stopping();
   /// Whether a new call would be refused for want of a slot or of tokens.
   [[nodiscard]] bool exhausted();

@@ -15,10 +15,10 @@ namespace decision_bounds {
 ///     share.settle(&reply);
 ///
 /// The bound must outlive the shares that it handed out. Several threads may settle one share: its
-/// action runs once. Moving a share is not safe while another thread uses it; the share that was
-/// moved from holds nothing. To replace one, keep it in a std::optional and emplace. The destructor
-/// may throw, which standard containers and smart pointers do not allow: settle a share that is
-/// kept in one before it goes.
+/// action runs once, and settle blocks for the bound as its action does. Moving or destroying a
+/// share is not safe while another thread uses it; the share that was moved from holds nothing. The
+/// destructor may throw, which standard containers, smart pointers and std::optional do not allow:
+/// settle a share that is kept in one before it goes, or is replaced by emplace.
 class [[nodiscard]] Share {
  public:
   /// Gives the held amount back to the bound, counting the reply if there is one.
@@ -33,8 +33,9 @@ class [[nodiscard]] Share {
   Share& operator=(const Share&) = delete;  // would have to end the call that the target holds
   Share& operator=(Share&&) = delete;
 
-  /// Settles with none. Lets the action's error out, unless another error is already ending the
-  /// scope: then that one goes on.
+  /// Settles with none. Lets the action's error out, unless an error that came up since the share
+  /// was made is already ending the scope: then that one goes on. (A share made while one error was
+  /// passing, and left by a second, cannot be told from one left normally: settle it.)
   ~Share() noexcept(false);
 
   /// Runs the action with `reply`, unless it has run already; then does nothing. The share counts

@@ -22,7 +22,8 @@ class StdLock final : public Lock {
   std::mutex mutex_;
 };
 
-/// A Condition over std::mutex and std::condition_variable. Waits on the steady clock.
+/// A Condition over std::mutex and std::condition_variable. Waits on the steady clock. A thread
+/// must not be cancelled (pthread_cancel) while it uses one.
 class StdCondition final : public Condition {
  public:
   void lock() override;
