@@ -3,12 +3,10 @@
 // What the benchmarks measure, and its peer, behind one interface.
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <stdexcept>
 #include <utility>
 
 #include "decision_bounds/decision_bounds.hpp"

@@ -1,9 +1,11 @@
 // What must stay flat: a look-up among many features, and a budget's ten-millionth call.
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -25,8 +27,11 @@ struct OurFeatures {
 /// The same written plainly: a set of names, to be looked up by their text, and two maxima under a
 /// mutex.
 struct PlainFeatures {
-  struct Hash : std::hash<std::string_view> {
+  struct Hash {  // not noexcept, so that the set keeps the hashes, as the library's does
     using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>()(text);
+    }
   };
 
   void add(std::string_view feature) { all.emplace(feature); }
@@ -43,7 +48,7 @@ struct PlainFeatures {
 
 template <class Features>
 void cost(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = static_cast<std::size_t>(std::max<std::int64_t>(1, state.range(0)));
   std::vector<std::string> names;
   Features features;
   for (std::size_t i = 0; i < count; ++i) {
@@ -51,7 +56,7 @@ void cost(benchmark::State& state) {
   }
   constexpr std::size_t stride = 7919;  // a prime, so that every name has its turn
   std::size_t i = 0;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(features.cost(names[i]));
     i = (i + stride) % count;
   }
@@ -71,7 +76,7 @@ double best_of_blocks(RunBudget& budget) {
 
 void ten_millionth(benchmark::State& state) {
   const Reply reply;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     RunBudget budget(plenty, plenty);
     for (int i = 0; i < 1000; ++i) budget.hold(10.0).settle(&reply);
     state.counters["peer/time/min"] = best_of_blocks(budget);

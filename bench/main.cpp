@@ -15,6 +15,7 @@ thread_local std::size_t bytes = 0;
 
 std::size_t decision_bounds::bench::allocated() noexcept { return bytes; }
 
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): these are what others allocate with
 void* operator new(std::size_t size) {
   bytes += size;
   if (void* memory = std::malloc(size)) return memory;
@@ -22,6 +23,7 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+// NOLINTEND(cppcoreguidelines-no-malloc)
 
 int main(int argc, char** argv) {
   // The C library takes cheaper paths until a process has started its first thread; a program that

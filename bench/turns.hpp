@@ -33,7 +33,7 @@ inline double trimmed_mean(const std::vector<double>& sorted) {
 template <class Visit>
 void take_turns(benchmark::State& state, int visits, Visit ours, Visit peer) {
   Samples samples;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     for (int i = 0; i < visits; ++i) {
       for (const auto& [kind, visit] : {std::pair("ours/", ours), std::pair("peer/", peer)}) {
         for (auto& [figure, values] : visit(state.range(0))) {

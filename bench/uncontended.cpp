@@ -15,7 +15,7 @@ template <class Call>
 void repeat(benchmark::State& state, Call call) {
   call();
   const std::size_t before = allocated();
-  for (auto _ : state) call();
+  for ([[maybe_unused]] auto _ : state) call();
   state.counters["ours/bytes/max"] =
       static_cast<double>(allocated() - before) / static_cast<double>(state.iterations());
 }
@@ -38,7 +38,7 @@ void admit(benchmark::State& state) {
 
 void two_mutex_pairs(benchmark::State& state) {
   std::mutex mutex;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     for (int i = 0; i < 2; ++i) {
       mutex.lock();
       benchmark::ClobberMemory();
@@ -49,12 +49,12 @@ void two_mutex_pairs(benchmark::State& state) {
 
 void atomic_exchange(benchmark::State& state) {
   std::atomic<bool> held{true};
-  for (auto _ : state) benchmark::DoNotOptimize(held.exchange(true));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(held.exchange(true));
 }
 
 void function_call(benchmark::State& state) {
   StopSignal signal = never;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     benchmark::DoNotOptimize(signal);
     benchmark::DoNotOptimize(signal());
   }

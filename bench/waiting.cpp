@@ -1,6 +1,7 @@
 // Calls that wait for room: one give-back among them, what they burn, how fast one starts.
 
 #include <algorithm>
+#include <atomic>
 #include <ctime>
 #include <memory>
 #include <semaphore>
@@ -134,7 +135,8 @@ Samples idle(std::int64_t size) {
   const auto count = std::max<std::int64_t>(1, 64 / size);  // of small crowds, many
   std::vector<std::unique_ptr<Crowd<Gate>>> crowds;
   for (std::int64_t i = 0; i < count; ++i) {
-    constexpr std::chrono::milliseconds poll(100);  // calls that poll all at once would cost more
+    constexpr std::chrono::microseconds poll(
+        100'000);  // calls that poll all at once would cost more
     crowds.push_back(std::make_unique<Crowd<Gate>>(size, 0, poll / count));
   }
   const auto processor_seconds = [&] {

@@ -5,7 +5,6 @@
 #include "objects.hpp"
 #include "reply.hpp"
 #include "types.hpp"
-#include "waiting.hpp"
 
 namespace decision_bounds::python {
 
@@ -73,8 +72,11 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
   Owned action;  // of an account whose _give_back may be another
   const auto ask = [&, callable = bound] {
     held = as_float(call(callable).get(), "bound()");
-    action =
-        untouched(&self, state.daily_spend) ? Owned() : dollars_action(state, object, held.get());
+    action = Owned();
+    if (!untouched(&self, state.daily_spend)) {
+      const Owned give_back = get(object, state.name(Name::_give_back));
+      action = call(state.partial, give_back.get(), held.get());
+    }
     return PyFloat_AS_DOUBLE(held.get());
   };
   HostSpend(state, self).admit(ask, {deadline, clock, stopping});
@@ -126,85 +128,91 @@ void give_back_dollars(State& state, PyObject* spend, PyObject* held, PyObject* 
                  reply);
 }
 
+namespace {
+
+// ---- the type ----
+
+Field cap{"_cap", offsetof(DailySpendObject, account.cap)};
+Field today{"_today", offsetof(DailySpendObject, today), check_callable};
+Field ledger{"_ledger", offsetof(DailySpendObject, ledger), check_callable_or_none};
+Field changed{"_changed", offsetof(DailySpendObject, changed.object), check_condition};
+Field held{"_held", offsetof(DailySpendObject, held), check_held};
+Field day{"_day", offsetof(DailySpendObject, account.day)};
+Field cost{"_cost", offsetof(DailySpendObject, account.cost)};
+Field capped{"_capped", offsetof(DailySpendObject, account.capped)};
+PyGetSetDef attributes[] = {double_field(cap),    object_field(today),
+                            object_field(ledger), object_field(changed),
+                            object_field(held),   text_field(day),
+                            double_field(cost),   bool_field(capped),
+                            dict_attribute(),     {}};
+PyMethodDef methods[] = {
+    method<spent>("spent",
+                  "spent($self)\n--\n\n"
+                  "What the paid calls of today (UTC) cost so far, in US dollars. Begins a new\n"
+                  "day from the ledger when today() names another date; passes out what today()\n"
+                  "raises. Blocks for the lock, and for the ledger on a new day."),
+    method<admit>(
+        "admit",
+        "admit($self, bound, *, deadline, clock, stopping)\n--\n\n"
+        "Admits one paid call and returns its Share of today's cap.\n\n"
+        "bound: a function that gives the most that the call may cost, in US dollars;\n"
+        "infinity when that is not known (such a call runs alone); a negative one makes\n"
+        "room for others. Asked again after each wait.\n"
+        "deadline: when the call ends, on the scale of clock, or None.\n"
+        "clock: a function that gives the time in seconds, and never goes back.\n"
+        "stopping: a function that says whether the call's pass is stopping.\n\n"
+        "Blocks as spent() does, and while the calls in flight hold the rest of the cap.\n"
+        "A call that is admitted or refused at once looks at neither the deadline nor\n"
+        "stopping. Raises DecisionBudgetExceeded when the settled calls of today cost\n"
+        "the cap (the day's first refusal is logged), DecisionTimeout when the deadline\n"
+        "passes, DecisionStopped when the pass stops (seen within 0.1 s), and whatever\n"
+        "the functions raise; then nothing is held. The functions are called with the\n"
+        "lock held: they may use this account, and must not wait for another thread\n"
+        "that does."),
+    method<charge>("charge",
+                   "charge($self, reply)\n--\n\n"
+                   "Counts, in US dollars, an attempt that no share stands for: sent, and billed\n"
+                   "perhaps, but its reply was never read. Wakes every waiting call. Only\n"
+                   "reply.cost is read, of a cached reply too; what it or today() raises passes\n"
+                   "out, and nothing is counted. Blocks as spent() does."),
+    method<give_back>(
+        "_give_back",
+        "_give_back($self, held, reply)\n--\n\n"
+        "Ends a call that was admitted with held US dollars: counts reply, unless it\n"
+        "is None, on the day that it settles, returns held, and wakes every waiting\n"
+        "call. held returns even when today() or reply.cost raises; that passes\n"
+        "out. Blocks for the lock and, with a reply on a new day, for the ledger."),
+    method<today_locked>("_today_locked",
+                         "_today_locked($self)\n--\n\n"
+                         "spent() for a caller that holds the lock of _changed."),
+    method<spent_since>(
+        "_spent_since",
+        "_spent_since($self, day)\n--\n\n"
+        "What the ledger says that the calls since day (\"YYYY-MM-DD\", UTC) cost,\n"
+        "in US dollars; 0.0 without a ledger or, with a warning, when it fails."),
+    {}};
+
+}  // namespace
+
 PyTypeObject* make_daily_spend_type(PyObject* module) {
-  using Object = DailySpendObject;
-  static Field cap{"_cap", offsetof(Object, account.cap)};
-  static Field today{"_today", offsetof(Object, today), check_callable};
-  static Field ledger{"_ledger", offsetof(Object, ledger), check_callable_or_none};
-  static Field changed{"_changed", offsetof(Object, changed.object), check_condition};
-  static Field held{"_held", offsetof(Object, held), check_held};
-  static Field day{"_day", offsetof(Object, account.day)};
-  static Field cost{"_cost", offsetof(Object, account.cost)};
-  static Field capped{"_capped", offsetof(Object, account.capped)};
-  static PyGetSetDef attributes[] = {double_field(cap),    object_field(today),
-                                     object_field(ledger), object_field(changed),
-                                     object_field(held),   text_field(day),
-                                     double_field(cost),   bool_field(capped),
-                                     dict_attribute(),     {}};
-  static PyMethodDef methods[] = {
-      method<spent>("spent",
-                    "spent($self)\n--\n\n"
-                    "What the paid calls of today (UTC) cost so far, in US dollars. Begins a new\n"
-                    "day from the ledger when today() names another date; passes out what today()\n"
-                    "raises. Blocks for the lock, and for the ledger on a new day."),
-      method<admit>(
-          "admit",
-          "admit($self, bound, *, deadline, clock, stopping)\n--\n\n"
-          "Admits one paid call and returns its Share of today's cap.\n\n"
-          "bound: a function that gives the most that the call may cost, in US dollars;\n"
-          "infinity when that is not known (such a call runs alone); a negative one makes\n"
-          "room for others. Asked again after each wait. deadline: when the call ends, on the "
-          "scale of clock (a monotonic\n"
-          "clock in seconds), or None. stopping: whether the call's pass is stopping.\n\n"
-          "Blocks as spent() does, and while the calls in flight hold the rest of the cap.\n"
-          "A call that is admitted or refused at once looks at neither the deadline nor\n"
-          "stopping. Raises\n"
-          "DecisionBudgetExceeded when the settled calls of today cost the cap (the day's\n"
-          "first refusal is logged), DecisionTimeout when the deadline passes,\n"
-          "DecisionStopped when the pass stops (seen within 0.1 s), and whatever the\n"
-          "functions raise; then nothing is held. The functions are called with the lock\n"
-          "held: they may use this account, and must not wait for another thread that\n"
-          "does."),
-      method<charge>(
-          "charge",
-          "charge($self, reply)\n--\n\n"
-          "Counts, in US dollars, an attempt that no share stands for: sent, and billed\n"
-          "perhaps, but its reply was never read. Wakes every waiting call. Only\n"
-          "reply.cost is read, of a cached reply too; what it or today() raises passes\n"
-          "out, and nothing is counted. Blocks as spent() does."),
-      method<give_back>(
-          "_give_back",
-          "_give_back($self, held, reply)\n--\n\n"
-          "Ends a call that was admitted with held US dollars: counts reply, unless it\n"
-          "is None, on the day that it settles, returns held, and wakes every waiting\n"
-          "call. held returns even when today() or reply.cost raises; that passes\n"
-          "out. Blocks for the lock and, with a reply on a new day, for the ledger."),
-      method<today_locked>("_today_locked",
-                           "_today_locked($self)\n--\n\n"
-                           "spent() for a caller that holds the lock of _changed."),
-      method<spent_since>(
-          "_spent_since",
-          "_spent_since($self, day)\n--\n\n"
-          "What the ledger says that the calls since day (\"YYYY-MM-DD\", UTC) cost,\n"
-          "in US dollars; 0.0 without a ledger or, with a warning, when it fails."),
-      {}};
-  return make_type<Object>(
+  return make_type<DailySpendObject>(
       module,
       {.name = "decision_bounds.DailySpend",
        .doc = "DailySpend(cap, today, ledger)\n--\n\n"
               "The daily cost cap: what the paid calls of one UTC day cost, and what the calls in\n"
               "flight hold of the cap. A call counts on the day on which it settles.\n\n"
-              "cap: US dollars that the paid calls of one day may cost; not above what the day\n"
-              "has cost, or NaN, refuses every call. today: a function that\n"
-              "gives today's UTC date as \"YYYY-MM-DD\". ledger: a function that gives what the\n"
-              "paid calls since such a date cost, in US dollars, asked once a day; or None. Both\n"
-              "are called with the lock held and must not wait for another thread that uses this\n"
-              "account. They may use it themselves; but the day begins when the ledger has\n"
-              "answered, so a ledger that calls spent() is asked again, and must see to it that\n"
-              "this ends. Any thread may call any operation.",
+              "cap: US dollars that the paid calls of one day may cost. Every call is refused\n"
+              "where it is not above what the day has cost, NaN included.\n"
+              "today: a function that gives today's UTC date as \"YYYY-MM-DD\".\n"
+              "ledger: a function that gives what the paid calls since such a date cost, in US\n"
+              "dollars, asked once a day; or None.\n\n"
+              "Both functions are called with the lock held. They must not wait for another\n"
+              "thread that uses this account. They may use it themselves; but the day begins\n"
+              "when the ledger has answered, so a ledger that calls spent() is asked again, and\n"
+              "must see to it that this ends. Any thread may call any operation.",
        .methods = methods,
        .attributes = attributes,
-       .init = init_slot<Object, init>,
+       .init = init_slot<DailySpendObject, init>,
        .create = create},
       dealloc);
 }

@@ -20,7 +20,7 @@ template <class Value, class Convert>
 PyObject* get_value(PyObject* self, void* closure, Convert convert) {
   const Field& field = *static_cast<const Field*>(closure);
   return guarded<PyObject*>(nullptr, nullptr, [&] {
-    if ((reinterpret_cast<Plain*>(self)->deleted & bit_of(field)) != 0) {
+    if ((reinterpret_cast<Deletable*>(self)->deleted & bit_of(field)) != 0) {
       raise_unset(self, field.name);
     }
     return convert(at<Value>(self, field)).release();
@@ -30,7 +30,7 @@ PyObject* get_value(PyObject* self, void* closure, Convert convert) {
 template <class Value, class Convert>
 int set_value(PyObject* self, PyObject* value, void* closure, Convert convert) {
   const Field& field = *static_cast<const Field*>(closure);
-  std::uint32_t& deleted = reinterpret_cast<Plain*>(self)->deleted;
+  std::uint32_t& deleted = reinterpret_cast<Deletable*>(self)->deleted;
   return guarded<int>(nullptr, -1, [&] {
     if (value == nullptr) {
       if ((deleted & bit_of(field)) != 0) raise_unset(self, field.name);

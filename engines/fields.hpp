@@ -10,7 +10,7 @@ namespace decision_bounds::python {
 /// How an object begins that has fields which are not objects. Such a field can be deleted, since
 /// tests that patch it delete it before they put the old value back; until then its attribute is
 /// missing, and the operations go on with its last value.
-struct Plain {
+struct Deletable {
   PyObject_HEAD
   std::uint32_t deleted;  // a bit a field, by its offset
 };

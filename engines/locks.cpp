@@ -3,136 +3,6 @@
 #include "fields.hpp"
 
 namespace decision_bounds::python {
-namespace {
-
-/// How CPython 3.11 lays out a re-entrant lock, which has no method that says whether it is free.
-struct ReentrantLock {
-  PyObject_HEAD
-  PyThread_type_lock lock;
-  unsigned long owner;
-  unsigned long count;
-  PyObject* weakrefs;
-};
-
-/// Whether nobody holds the lock. True for as long as this thread runs no Python code.
-bool is_free(PyObject* lock) noexcept {
-  return lock != nullptr && reinterpret_cast<const ReentrantLock*>(lock)->count == 0;
-}
-
-// Reading methods makes objects, which may start the garbage collector and so run Python code that
-// sets the very field: after a bind the field is looked at again, so many times at most.
-constexpr int binds = 3;
-
-/// Whether `field` holds one of the interpreter's own locks whose methods are at hand. `ran`: set
-/// when Python code may have run.
-bool is_bound(const State& state, LockField& field, bool& ran) {
-  for (int tries = 0; tries <= binds; ++tries) {
-    if (field.object == nullptr || Py_TYPE(field.object) != state.lock) return false;
-    if (field.bound == field.object) return true;
-    ran = true;
-    const Owned lock = Owned::copy(field.object);
-    Owned acquire = get(lock.get(), state.name(Name::acquire));
-    Owned release = get(lock.get(), state.name(Name::release));
-    Owned locked = get(lock.get(), state.name(Name::locked));
-    [[maybe_unused]] const Owned before[] = {
-        replace(field.bound, Owned::copy(lock.get())), replace(field.acquire, std::move(acquire)),
-        replace(field.release, std::move(release)), replace(field.locked, std::move(locked))};
-  }
-  return false;
-}
-
-void bind(const State& state, ConditionField& field) {
-  const Owned condition = Owned::copy(field.object);
-  Owned dict = checked([&] { return PyObject_GenericGetDict(condition.get(), nullptr); });
-  Owned acquire = get(condition.get(), state.name(Name::acquire));
-  Owned release = get(condition.get(), state.name(Name::release));
-  Owned waiters = get(condition.get(), state.name(Name::_waiters));
-  const bool spied =
-      checked_count([&] { return PyDict_Contains(dict.get(), state.name(Name::notify_all)); }) != 0;
-  if (spied || reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) != state.deque) {
-    for (Owned* method : {&acquire, &release, &waiters}) *method = Owned();
-  }
-  field.version = attributes_version(dict.get());
-  field.reentrant = nullptr;
-  if (acquire && PyCFunction_Check(acquire.get())) {
-    PyObject* lock = PyCFunction_GET_SELF(acquire.get());
-    if (lock != nullptr && Py_TYPE(lock) == state.transparent_lock) field.reentrant = lock;
-  }
-  [[maybe_unused]] const Owned before[] = {
-      replace(field.bound, Owned::copy(condition.get())), replace(field.dict, std::move(dict)),
-      replace(field.acquire, std::move(acquire)), replace(field.release, std::move(release)),
-      replace(field.waiters, std::move(waiters))};
-}
-
-/// Whether `field` holds a threading.Condition that nobody changed. `ran`: as above.
-bool is_bound(const State& state, ConditionField& field, bool& ran) {
-  for (int tries = 0; tries <= binds; ++tries) {
-    if (field.object == nullptr || Py_TYPE(field.object) != state.condition.type ||
-        attributes_version(state.condition) != state.condition.version) {
-      return false;
-    }
-    if (field.bound == field.object && attributes_version(field.dict) == field.version) {
-      return field.acquire != nullptr;
-    }
-    ran = true;
-    bind(state, field);
-  }
-  return false;
-}
-
-}  // namespace
-
-PyTypeObject* transparent_lock_type(const State& state) {
-  const Owned condition = call(reinterpret_cast<PyObject*>(state.condition.type));
-  const Owned acquire = get(condition.get(), state.name(Name::acquire));
-  if (!PyCFunction_Check(acquire.get())) return nullptr;
-  PyObject* lock = PyCFunction_GET_SELF(acquire.get());
-  if (lock == nullptr || Py_TYPE(lock)->tp_basicsize != sizeof(ReentrantLock)) return nullptr;
-  const auto shows = [lock](unsigned long count, unsigned long owner) {
-    const auto* layout = reinterpret_cast<const ReentrantLock*>(lock);
-    return layout->count == count && layout->owner == owner;
-  };
-  const unsigned long self = PyThread_get_thread_ident();
-  bool as_expected = shows(0, 0);
-  call(acquire.get());
-  as_expected = as_expected && shows(1, self);
-  call(acquire.get());
-  as_expected = as_expected && shows(2, self);
-  call_method(lock, state.name(Name::release));
-  as_expected = as_expected && shows(1, self);
-  call_method(lock, state.name(Name::release));
-  as_expected = as_expected && shows(0, 0);
-  return as_expected ? Py_TYPE(lock) : nullptr;
-}
-
-int LockField::traverse(visitproc visit, void* arg) const {
-  Py_VISIT(object);
-  Py_VISIT(bound);
-  Py_VISIT(acquire);
-  Py_VISIT(release);
-  Py_VISIT(locked);
-  return 0;
-}
-
-void LockField::clear() noexcept {
-  for (PyObject** field : {&object, &bound, &acquire, &release, &locked}) python::clear(*field);
-}
-
-int ConditionField::traverse(visitproc visit, void* arg) const {
-  Py_VISIT(object);
-  Py_VISIT(bound);
-  Py_VISIT(dict);
-  Py_VISIT(acquire);
-  Py_VISIT(release);
-  Py_VISIT(waiters);
-  return 0;
-}
-
-void ConditionField::clear() noexcept {
-  for (PyObject** field : {&object, &bound, &dict, &acquire, &release, &waiters}) {
-    python::clear(*field);
-  }
-}
 
 void LockByName::lock(const State& state, PyObject* lock) {
   Owned enter = get_if_there(lock, state.name(Name::__enter__));
@@ -155,7 +25,7 @@ void LockByName::unlock() {
 
 void HostLock::lock() {
   bool ran = false;
-  if (!is_bound(state_, field_, ran)) {
+  if (!field_.bind(state_, ran)) {
     const Owned lock = Owned::copy(set_or_raise(field_.object, self_, "_lock"));
     by_name_.lock(state_, lock.get());
     return;
@@ -194,13 +64,13 @@ void HostCondition::lock() {
     insist_on([this] { enter(); });
   } catch (RaisedError&) {
     if (locking_ == Locking::may_fail) throw;
-    kept_ = std::current_exception();
+    if (!kept_) kept_ = std::current_exception();
   }
 }
 
 void HostCondition::enter() {
   bool ran = false;
-  if (!is_bound(state_, field_, ran)) {
+  if (!field_.bind(state_, ran)) {
     condition_ = Owned::copy(set_or_raise(field_.object, self_, "_changed"));
     by_name_.lock(state_, condition_.get());
     hold_ = Hold::taken;
@@ -211,7 +81,7 @@ void HostCondition::enter() {
   release_ = Owned::copy(field_.release);
   waiters_ = Owned::copy(field_.waiters);
   hold_ = Hold::brief;
-  if (section_ != Section::brief || ran || !is_free(field_.reentrant)) take_now();
+  if (section_ != Section::brief || ran || !field_.is_free()) take_now();
 }
 
 bool HostCondition::take_now() {

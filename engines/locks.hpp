@@ -4,7 +4,7 @@
 // serves one operation and lives on its stack.
 
 #include "decision_bounds/host.hpp"
-#include "state.hpp"
+#include "lock_fields.hpp"
 
 namespace decision_bounds::python {
 
@@ -24,34 +24,6 @@ enum class Locking {
   /// interpreter's lock keeps each of them whole. finish() throws the error at the end.
   must_go_on,
 };
-
-/// A lock attribute, and the bound methods of a lock of the interpreter's own.
-struct LockField {
-  PyObject* object;  // the attribute
-  PyObject* bound;   // the lock that the methods belong to
-  PyObject *acquire, *release, *locked;
-
-  int traverse(visitproc visit, void* arg) const;
-  void clear() noexcept;
-};
-
-/// A condition attribute. For a threading.Condition that nobody changed, its lock's methods and its
-/// queue of waiters, so that no Python code runs where nobody waits.
-struct ConditionField {
-  PyObject* object;                       // the attribute
-  PyObject* bound;                        // the condition that the rest belongs to
-  PyObject* dict;                         // its attributes
-  std::uint64_t version;                  // of dict, when the rest was read from it
-  PyObject *acquire, *release, *waiters;  // null where it must be used by name
-  PyObject* reentrant;  // borrowed from acquire: the lock, where it can be seen to be free
-
-  int traverse(visitproc visit, void* arg) const;
-  void clear() noexcept;
-};
-
-/// The type of the interpreter's re-entrant locks, borrowed, if it can be seen whether one is free;
-/// else null.
-PyTypeObject* transparent_lock_type(const State& state);
 
 /// A lock of the host's own, used as a `with` block would or, where it has no such methods, by
 /// acquire and release. How to let it go is looked up before it is taken: that may fail.
@@ -93,7 +65,7 @@ class HostCondition final : public Condition {
   void wait_for(double seconds) override;
   void notify_all() override;
 
-  /// Until lock().
+  /// For the next lock().
   void set_section(Section section) noexcept { section_ = section; }
   /// Ends a brief section: takes a lock that lock() left alone, before Python code runs. True if
   /// so: another thread may have had it in between.
@@ -110,7 +82,7 @@ class HostCondition final : public Condition {
   void finish(Steps steps) {
     try {
       steps();
-    } catch (Raised&) {
+    } catch (...) {
       throw_kept();
       throw;
     }
@@ -119,7 +91,8 @@ class HostCondition final : public Condition {
 
  private:
   void enter();
-  /// Runs `step`; where the operation must go on, once more whenever an interrupt ends it.
+  /// Runs `step`; where the operation must go on, again whenever an interrupt ends it, which is
+  /// kept. Gives up after a hundred: some host may raise one each time.
   template <class Step>
   void insist_on(Step step);
   void throw_kept() const;

@@ -2,7 +2,7 @@
 
 #include "boundary.hpp"
 #include "functions.hpp"
-#include "locks.hpp"
+#include "lock_fields.hpp"
 #include "objects.hpp"
 #include "python_source.hpp"
 #include "waiting.hpp"
@@ -86,7 +86,7 @@ void bind_errors(PyObject* module, State& state) {
   bind_error(module, "DecisionUnavailable", state.unavailable, state.decision_error,
              "The endpoint refuses requests; it is not asked again until that window ends.");
   bind_error(module, "DecisionTimeout", state.timeout, state.decision_error,
-             "A tool's call (no run budget) ran out of its deadline while it waited for room.");
+             "A call ran out of its deadline while it waited for room.");
   bind_error(module, "DecisionStopped", state.stopped, state.decision_error,
              "The pass that the call belongs to has been asked to stop.");
 }
@@ -109,6 +109,9 @@ void execute(PyObject* module) {
   bind_type(module, "RequestRates", state.request_rates, make_request_rates_type(module));
   bind_type(module, "RunBudget", state.run_budget, make_run_budget_type(module));
   bind_type(module, "DailySpend", state.daily_spend, make_daily_spend_type(module));
+  state.give_back =
+      get(reinterpret_cast<PyObject*>(state.daily_spend.type), state.name(Name::_give_back))
+          .release();
   define_signatures(module);
   for (OwnType* own : {&state.share, &state.held, &state.charges, &state.request_rates,
                        &state.run_budget, &state.daily_spend}) {
@@ -135,8 +138,8 @@ void each_object(State& state, Visit visit) {
   visit(state.transparent_lock);
   for (PyObject** object :
        {&state.decision_error, &state.budget_exceeded, &state.unavailable, &state.timeout,
-        &state.stopped, &state.never, &state.nothing, &state.wait, &state.allocate_lock,
-        &state.deque, &state.partial, &state.logger, &state.no_arguments}) {
+        &state.stopped, &state.never, &state.nothing, &state.wait, &state.give_back,
+        &state.allocate_lock, &state.deque, &state.partial, &state.logger, &state.no_arguments}) {
     visit(*object);
   }
 }
@@ -154,6 +157,7 @@ int traverse_module(PyObject* module, visitproc visit, void* arg) {
 int clear_module(PyObject* module) {
   auto* state = static_cast<State*>(PyModule_GetState(module));
   if (state == nullptr) return 0;
+  clear(state->no_arguments);  // first: by this alive() knows
   each_object(*state, [](auto*& object) {
     drop(reinterpret_cast<PyObject*>(std::exchange(object, nullptr)));
   });

@@ -7,7 +7,7 @@
 #include "daily_spend_steps.hpp"
 #include "decision_bounds/run_budget.hpp"
 #include "held.hpp"
-#include "locks.hpp"
+#include "lock_fields.hpp"
 
 namespace decision_bounds::python {
 
@@ -94,8 +94,6 @@ void arm(const Owned& share, Action action, PyObject* bound, Owned amount) noexc
 /// What settling a share of a bound does; `reply` is None where the call was not paid.
 void give_back_tokens(State& state, PyObject* budget, PyObject* tokens, PyObject* reply);
 void give_back_dollars(State& state, PyObject* spend, PyObject* held, PyObject* reply);
-/// The latter as a Python object: the account's _give_back with `held` bound to it.
-Owned dollars_action(const State& state, PyObject* spend, PyObject* held);
 
 PyTypeObject* make_held_type(PyObject* module);
 PyTypeObject* make_charges_type(PyObject* module);

@@ -1,3 +1,4 @@
+#include "locks.hpp"
 #include "objects.hpp"
 #include "reply.hpp"
 #include "request_rates_steps.hpp"

@@ -3,7 +3,6 @@
 #include "reply.hpp"
 #include "run_budget_steps.hpp"
 #include "types.hpp"
-#include "waiting.hpp"
 
 namespace decision_bounds::python {
 
@@ -141,75 +140,78 @@ void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject
   }
 }
 
+namespace {
+
+// ---- the type ----
+
+Field max_calls{"max_calls", offsetof(RunBudgetObject, counts.max_calls)};
+Field max_tokens{"max_tokens", offsetof(RunBudgetObject, counts.max_tokens)};
+Field calls{"calls", offsetof(RunBudgetObject, counts.calls)};
+Field input_tokens{"input_tokens", offsetof(RunBudgetObject, counts.input_tokens)};
+Field cost{"cost", offsetof(RunBudgetObject, counts.cost)};
+Field cache_hits{"cache_hits", offsetof(RunBudgetObject, counts.cache_hits)};
+Field in_flight{"in_flight", offsetof(RunBudgetObject, counts.in_flight)};
+Field stop{"should_stop", offsetof(RunBudgetObject, should_stop), check_callable};
+Field held{"_held_tokens", offsetof(RunBudgetObject, held_tokens), check_held};
+Field changed{"_changed", offsetof(RunBudgetObject, changed.object), check_condition};
+PyGetSetDef attributes[] = {
+    int64_field(max_calls),    int64_field(max_tokens), int64_field(calls),
+    int64_field(input_tokens), double_field(cost),      int64_field(cache_hits),
+    int64_field(in_flight),    object_field(stop),      object_field(held),
+    object_field(changed),     dict_attribute(),        {}};
+PyMethodDef methods[] = {
+    method<stopping>("stopping",
+                     "stopping($self)\n--\n\n"
+                     "What should_stop() says now, as a bool; passes out what it raises. Takes no\n"
+                     "lock."),
+    method<exhausted>(
+        "exhausted",
+        "exhausted($self)\n--\n\n"
+        "Whether a new call would be refused: no call slot is free (calls in flight\n"
+        "count as used), or the settled calls used up the input tokens. Blocks only for\n"
+        "the lock."),
+    method<exhausted_locked>("_exhausted_locked",
+                             "_exhausted_locked($self)\n--\n\n"
+                             "exhausted() for a caller that holds the lock of _changed."),
+    method<summary>(
+        "summary",
+        "summary($self)\n--\n\n"
+        "The pass's counts and limits, a new dict: calls, cache_hits, input_tokens,\n"
+        "cost_usd (US dollars, rounded to 6 decimals), max_calls, max_tokens. Blocks only\n"
+        "for the lock."),
+    method<summary_locked>("_summary_locked",
+                           "_summary_locked($self)\n--\n\n"
+                           "summary() for a caller that holds the lock of _changed."),
+    method<reserve>("reserve",
+                    "reserve($self, tokens=0.0)\n--\n\n"
+                    "Admits one paid call that may use tokens input tokens at most (infinity: not\n"
+                    "known; such a call runs alone; a negative number makes room for others). The\n"
+                    "caller ends it with exactly one release or charge; hold() sees to that.\n\n"
+                    "Blocks while the calls in flight hold the rest of the tokens; sees a stop\n"
+                    "within 0.1 s. Raises DecisionStopped when the pass is stopping and\n"
+                    "DecisionBudgetExceeded when no call slot is free or the settled calls used\n"
+                    "up the tokens, and passes out what should_stop raises; then nothing is held."),
+    method<hold>("hold",
+                 "hold($self, tokens)\n--\n\n"
+                 "Admits one paid call as reserve(tokens) does, and returns its Share: settled\n"
+                 "with the reply it charges it, settled with None it releases the call."),
+    method<release>("release",
+                    "release($self, tokens=0.0)\n--\n\n"
+                    "Gives back the slot and the tokens of a call that ended without a paid\n"
+                    "reply, and wakes every waiting call. Blocks only for the lock."),
+    method<charge>("charge",
+                   "charge($self, result, tokens=0.0)\n--\n\n"
+                   "Counts the reply of a call that reserved tokens, gives back what the call\n"
+                   "held, and wakes every waiting call. A cached result only counts as a cache\n"
+                   "hit, and needs no tokens. What reading the result raises passes out after\n"
+                   "what the call held has been given back; without tokens a result whose cached\n"
+                   "cannot be read changes nothing. Blocks only for the lock."),
+    {}};
+
+}  // namespace
+
 PyTypeObject* make_run_budget_type(PyObject* module) {
-  using Object = RunBudgetObject;
-  static Field max_calls{"max_calls", offsetof(Object, counts.max_calls)};
-  static Field max_tokens{"max_tokens", offsetof(Object, counts.max_tokens)};
-  static Field calls{"calls", offsetof(Object, counts.calls)};
-  static Field input_tokens{"input_tokens", offsetof(Object, counts.input_tokens)};
-  static Field cost{"cost", offsetof(Object, counts.cost)};
-  static Field cache_hits{"cache_hits", offsetof(Object, counts.cache_hits)};
-  static Field in_flight{"in_flight", offsetof(Object, counts.in_flight)};
-  static Field stop{"should_stop", offsetof(Object, should_stop), check_callable};
-  static Field held{"_held_tokens", offsetof(Object, held_tokens), check_held};
-  static Field changed{"_changed", offsetof(Object, changed.object), check_condition};
-  static PyGetSetDef attributes[] = {
-      int64_field(max_calls),    int64_field(max_tokens), int64_field(calls),
-      int64_field(input_tokens), double_field(cost),      int64_field(cache_hits),
-      int64_field(in_flight),    object_field(stop),      object_field(held),
-      object_field(changed),     dict_attribute(),        {}};
-  static PyMethodDef methods[] = {
-      method<stopping>(
-          "stopping",
-          "stopping($self)\n--\n\n"
-          "What should_stop() says now, as a bool; passes out what it raises. Takes no\n"
-          "lock."),
-      method<exhausted>(
-          "exhausted",
-          "exhausted($self)\n--\n\n"
-          "Whether a new call would be refused: no call slot is free (calls in flight\n"
-          "count as used), or the settled calls used up the input tokens. Blocks only for\n"
-          "the lock."),
-      method<exhausted_locked>("_exhausted_locked",
-                               "_exhausted_locked($self)\n--\n\n"
-                               "exhausted() for a caller that holds the lock of _changed."),
-      method<summary>(
-          "summary",
-          "summary($self)\n--\n\n"
-          "The pass's counts and limits, a new dict: calls, cache_hits, input_tokens,\n"
-          "cost_usd (US dollars, rounded to 6 decimals), max_calls, max_tokens. Blocks only\n"
-          "for the lock."),
-      method<summary_locked>("_summary_locked",
-                             "_summary_locked($self)\n--\n\n"
-                             "summary() for a caller that holds the lock of _changed."),
-      method<reserve>(
-          "reserve",
-          "reserve($self, tokens=0.0)\n--\n\n"
-          "Admits one paid call that may use tokens input tokens at most (infinity: not\n"
-          "known; such a call runs alone; a negative number makes room for others). The\n"
-          "caller ends it with exactly one release or charge; hold() sees to that.\n\n"
-          "Blocks while the calls in flight hold the rest of the tokens; sees a stop\n"
-          "within 0.1 s. Raises DecisionStopped when the pass is stopping and\n"
-          "DecisionBudgetExceeded when no call slot is free or the settled calls used\n"
-          "up the tokens, and passes out what should_stop raises; then nothing is held."),
-      method<hold>("hold",
-                   "hold($self, tokens)\n--\n\n"
-                   "Admits one paid call as reserve(tokens) does, and returns its Share: settled\n"
-                   "with the reply it charges it, settled with None it releases the call."),
-      method<release>("release",
-                      "release($self, tokens=0.0)\n--\n\n"
-                      "Gives back the slot and the tokens of a call that ended without a paid\n"
-                      "reply, and wakes every waiting call. Blocks only for the lock."),
-      method<charge>(
-          "charge",
-          "charge($self, result, tokens=0.0)\n--\n\n"
-          "Counts the reply of a call that reserved tokens, gives back what the call\n"
-          "held, and wakes every waiting call. A cached result only counts as a cache\n"
-          "hit, and needs no tokens. What reading the result raises passes out after\n"
-          "what the call held has been given back; without tokens a result whose cached\n"
-          "cannot be read changes nothing. Blocks only for the lock."),
-      {}};
-  return make_type<Object>(
+  return make_type<RunBudgetObject>(
       module,
       {.name = "decision_bounds.RunBudget",
        .doc = "The bound of one batch pass: paid calls, input tokens, and a stop signal.\n\n"
@@ -225,9 +227,9 @@ PyTypeObject* make_run_budget_type(PyObject* module) {
               "budget with the same limits and counters.",
        .methods = methods,
        .attributes = attributes,
-       .init = init_slot<Object, init>,
-       .repr = repr_slot<Object, &Object::counts>,
-       .compare = compare_slot<Object, &Object::counts>});
+       .init = init_slot<RunBudgetObject, init>,
+       .repr = repr_slot<RunBudgetObject, &RunBudgetObject::counts>,
+       .compare = compare_slot<RunBudgetObject, &RunBudgetObject::counts>});
 }
 
 }  // namespace decision_bounds::python

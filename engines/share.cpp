@@ -36,6 +36,15 @@ Owned tokens_action(PyObject* budget, PyObject* tokens) {
   return checked([&] { return PyCFunction_New(&give_back_function, pair.get()); });
 }
 
+/// What the account's _give_back was when the share was handed out: it was untouched.
+Owned dollars_action(const State& state, PyObject* spend, PyObject* held) {
+  const Owned give_back = checked([&] {
+    return Py_TYPE(state.give_back)
+        ->tp_descr_get(state.give_back, spend, reinterpret_cast<PyObject*>(Py_TYPE(spend)));
+  });
+  return call(state.partial, give_back.get(), held);
+}
+
 /// Puts the action's Python object in the place of what it stands for.
 void materialise(const State& state, ShareObject& self) {
   if (self.action != Action::run_budget && self.action != Action::daily_spend) return;
@@ -55,7 +64,8 @@ PyObject* get_action(PyObject* object, void*) {
   return guarded<PyObject*>(nullptr, nullptr, [&] {
     if (self.action == Action::unset) raise_unset(object, "_give_back");
     materialise(state_of(object), self);
-    return Owned::copy(self.action == Action::done ? Py_None : self.target).release();
+    if (self.action == Action::done) return none().release();
+    return Owned::copy(set_or_raise(self.target, object, "_give_back")).release();
   });
 }
 
@@ -129,11 +139,6 @@ Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
 }
 
 }  // namespace
-
-Owned dollars_action(const State& state, PyObject* spend, PyObject* held) {
-  const Owned give_back = get(spend, state.name(Name::_give_back));
-  return call(state.partial, give_back.get(), held);
-}
 
 Owned new_share(const State& state) {
   PyTypeObject* type = state.share.type;

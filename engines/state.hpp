@@ -42,6 +42,7 @@ struct State {
   OwnType share, held, charges, request_rates, run_budget, daily_spend;
   PyObject *decision_error, *budget_exceeded, *unavailable, *timeout, *stopped;
   PyObject *never, *nothing, *wait;
+  PyObject* give_back;  // DailySpend's own method, unbound
 
   OwnType condition;               // threading.Condition
   PyObject* allocate_lock;         // threading.Lock

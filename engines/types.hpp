@@ -76,7 +76,7 @@ template <class Object>
 PyTypeObject* make_type(PyObject* module, const TypeParts& parts,
                         destructor dealloc = dealloc_slot<Object>) {
   if constexpr (requires { &Object::deleted; }) {
-    static_assert(offsetof(Object, deleted) == offsetof(Plain, deleted));
+    static_assert(offsetof(Object, deleted) == offsetof(Deletable, deleted));
   }
   PyType_Slot slots[] = {{Py_tp_doc, const_cast<char*>(parts.doc)},
                          {Py_tp_new, slot(parts.create)},

@@ -11,10 +11,11 @@ fail() {
   exit 1
 }
 
-# Configures and builds one preset: build PRESET [CMAKE_ARGUMENT...]
+# Configures and builds one preset: build PRESET [TARGET...]
 build() {
-  "$cmake" --preset "$1" --no-warn-unused-cli -D Python3_EXECUTABLE="$(command -v "$python")" "${@:2}" >/dev/null
-  "$cmake" --build --preset "$1"
+  "$cmake" --preset "$1" --no-warn-unused-cli \
+    -D Python3_EXECUTABLE="$(command -v "$python")" >/dev/null &&
+    "$cmake" --build --preset "$1" ${2:+--target "${@:2}"}
 }
 
 # Runs a preset's C++ tests.

@@ -13,10 +13,11 @@ namespace {
 
 /// A feature to look up. Its hash is computed once, before the lock is taken.
 struct Feature {
+  Feature() = default;
   explicit Feature(std::string_view name) : text(name), hash(std::hash<std::string_view>()(name)) {}
 
   std::string_view text;
-  std::size_t hash;
+  std::size_t hash = 0;
 };
 
 bool operator==(const Feature& feature, const std::string& text) { return feature.text == text; }
@@ -32,7 +33,7 @@ using FeatureSet = std::unordered_set<std::string, FeatureHash, std::equal_to<>>
 
 class SetFeatures {
  public:
-  explicit SetFeatures(FeatureSet& all, std::string_view one = {}) : all_(all), one_(one) {}
+  explicit SetFeatures(FeatureSet& all, Feature one = {}) : all_(all), one_(one) {}
 
   [[nodiscard]] bool empty() const { return all_.empty(); }
   [[nodiscard]] bool known() const { return all_.contains(one_); }
@@ -67,7 +68,7 @@ RequestRates::RequestRates(std::unique_ptr<Lock> lock)
 RequestRates::~RequestRates() = default;
 
 double RequestRates::cost(std::int64_t size, std::string_view feature) {
-  SetFeatures features(steps_->features, feature);
+  SetFeatures features(steps_->features, Feature(feature));
   return steps_->cost(size, features);
 }
 
@@ -77,7 +78,7 @@ double RequestRates::tokens(std::int64_t size) {
 }
 
 void RequestRates::learn(std::int64_t size, std::string_view feature, const PaidReply& reply) {
-  SetFeatures features(steps_->features, feature);
+  SetFeatures features(steps_->features, Feature(feature));
   steps_->learn(size, features, reply);
 }
 

@@ -38,9 +38,9 @@ void RunBudgetSteps::release(double tokens) {
 
 void RunBudgetSteps::charge(const PaidReply& reply, std::optional<double> reserved) {
   Guard guard(changed_);
-  const double tokens = reserved.value_or(0.0);
-  OnError unread([&]() DECISION_BOUNDS_NO_ANALYSIS { release_locked(tokens); });
-  if (!reserved) unread.dismiss();  // there is no call to end, and it must not end another's
+  OnError unread([&]() DECISION_BOUNDS_NO_ANALYSIS {
+    if (reserved) release_locked(*reserved);  // else there is no call to end, only others' calls
+  });
   const bool cached = reply.cached();
   unread.dismiss();
   if (cached) {
@@ -49,7 +49,7 @@ void RunBudgetSteps::charge(const PaidReply& reply, std::optional<double> reserv
     return;
   }
   OnError wake([&]() DECISION_BOUNDS_NO_ANALYSIS { changed_.notify_all(); });
-  leave_locked(tokens);
+  leave_locked(reserved.value_or(0.0));
   counts_.calls = saturating_add(counts_.calls, 1);
   const std::int64_t input_tokens = reply.input_tokens();  // may itself use the budget
   counts_.input_tokens = saturating_add(counts_.input_tokens, input_tokens);

@@ -16,8 +16,9 @@ void StdCondition::lock() DECISION_BOUNDS_NO_ANALYSIS {
   // Only this thread can have put its own id there, so a relaxed read cannot mislead it.
   if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
     if (!mutex_.try_lock()) {
-      // What is done with the lock held takes less time than falling asleep. Stepping aside once
-      // lets the owner do all it is about to do, where a hand-over for each step would cost more.
+      // Most of what is done with the lock held takes less time than falling asleep, and a
+      // hand-over for each step would cost more than letting the owner do all that it is about to
+      // do. So step aside once; a longer section is slept through.
       std::this_thread::yield();
       mutex_.lock();
     }
@@ -78,6 +79,8 @@ std::string error_text(const std::exception_ptr& error) {
     std::rethrow_exception(error);
   } catch (const std::exception& caught) {
     return std::string(": ") + caught.what();
+  } catch (...) {
+    return ": an error of unknown type";
   }
 }
 
@@ -85,8 +88,9 @@ std::string error_text(const std::exception_ptr& error) {
 
 void StdLogger::warning(std::string_view format, std::span<const LogArgument> arguments,
                         std::exception_ptr error) {
-  const std::string line = "warning: " + formatted(format, arguments) + error_text(error) + "\n";
-  std::fputs(line.c_str(), stderr);
+  std::string line = "warning: " + formatted(format, arguments) + error_text(error);
+  std::replace(line.begin(), line.end(), '\n', ' ');
+  std::fputs(line.append("\n").c_str(), stderr);
 }
 
 StdLogger& StdLogger::instance() {

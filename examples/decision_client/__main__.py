@@ -11,6 +11,11 @@ except ModuleNotFoundError as error:
         raise
     sys.exit(f"decision_client: the module is not installed in this package yet; run: {INSTALL}")
 
-from decision_client.cli import main
+try:
+    from decision_client.cli import main
+except ModuleNotFoundError as error:
+    if error.name != "rich":
+        raise
+    sys.exit(f"decision_client: {sys.executable} has no package rich (Debian: python3-rich)")
 
 sys.exit(main())

@@ -67,7 +67,7 @@ class PassView:
         decided = ", ".join(f"{name} {count:,}" for name, count in sorted(report.decisions.items()))
         settled = self._spend.spent()
         return _table(
-            f"Pass of {seconds:.1f} s",
+            f"Pass of {seconds:.2f} s",
             [
                 ("files", f"{report.files:,}"),
                 ("decided", decided or "none"),
