@@ -31,12 +31,6 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
   return self;
 }
 
-void dealloc(PyObject* self) {
-  PyObject_GC_UnTrack(self);
-  std::destroy_at(&reinterpret_cast<DailySpendObject*>(self)->account);
-  dealloc_slot<DailySpendObject>(self);
-}
-
 void init(State& state, DailySpendObject& self, const Arguments& arguments) {
   constexpr Parameters<3> parameters{"DailySpend", {Name::cap, Name::today, Name::ledger}};
   const auto [cap_value, today_value, ledger_value] = sorted(state, parameters, arguments);
@@ -70,8 +64,10 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
   Owned share = new_share(state);
   Owned held;    // what bound() last said: nothing is left to allocate once it is held
   Owned action;  // of an account whose _give_back may be another
+  HostSpend spend(state, self);
   const auto ask = [&, callable = bound] {
     held = as_float(call(callable).get(), "bound()");
+    spend.set_dollars(held.get());
     action = Owned();
     if (!untouched(&self, state.daily_spend)) {
       const Owned give_back = get(object, state.name(Name::_give_back));
@@ -79,7 +75,7 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
     }
     return PyFloat_AS_DOUBLE(held.get());
   };
-  HostSpend(state, self).admit(ask, {deadline, clock, stopping});
+  spend.run([&] { spend.admit(ask, {deadline, clock, stopping}); });
   if (action) {
     arm(share, Action::callable, action.get(), {});
   } else {
@@ -90,21 +86,28 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
 
 Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"charge", {Name::reply}};
-  PyObject* reply = as_reply(sorted(state, parameters, arguments)[0], "reply");
-  HostSpend(state, self).charge(HostReply(state, reply));
+  const HostReply paid(state, as_reply(sorted(state, parameters, arguments)[0], "reply"));
+  HostSpend spend(state, self, Locking::must_go_on);
+  spend.run([&] { spend.charge(paid); });
   return none();
 }
 
-void give_back_here(State& state, DailySpendObject& self, double held, PyObject* reply) {
-  HostSpend spend(state, self, Locking::must_go_on);
+}  // namespace
+
+void give_back_dollars(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
+  HostSpend host(state, *reinterpret_cast<DailySpendObject*>(spend), Locking::must_go_on);
+  host.set_dollars(held);
   const HostReply paid(state, reply);
-  spend.finish([&] { spend.give_back(held, reply == Py_None ? nullptr : &paid); });
+  host.run([&] { host.give_back(PyFloat_AS_DOUBLE(held), reply == Py_None ? nullptr : &paid); });
 }
+
+namespace {
 
 Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"_give_back", {Name::held, Name::reply}};
   const auto [held, reply] = sorted(state, parameters, arguments);
-  give_back_here(state, self, as_double(held, "held"), reply);
+  const Owned dollars = as_float(held, "held");
+  give_back_dollars(state, reinterpret_cast<PyObject*>(&self), dollars.get(), reply);
   return none();
 }
 
@@ -120,15 +123,6 @@ Owned spent_since(State& state, DailySpendObject& self,
   const std::string day = as_string(sorted(state, parameters, arguments)[0], "day");
   return to_python(HostSpend(state, self).DailySpendSteps::spent_since(day));
 }
-
-}  // namespace
-
-void give_back_dollars(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
-  give_back_here(state, *reinterpret_cast<DailySpendObject*>(spend), PyFloat_AS_DOUBLE(held),
-                 reply);
-}
-
-namespace {
 
 // ---- the type ----
 
@@ -213,8 +207,7 @@ PyTypeObject* make_daily_spend_type(PyObject* module) {
        .methods = methods,
        .attributes = attributes,
        .init = init_slot<DailySpendObject, init>,
-       .create = create},
-      dealloc);
+       .create = create});
 }
 
 }  // namespace decision_bounds::python

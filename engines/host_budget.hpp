@@ -75,10 +75,13 @@ class HostBudget final : public internal::RunBudgetSteps {
     });
   }
 
-  /// Runs the `steps` that end a call.
+  /// The tokens that the operation is about, as a float object (borrowed).
+  void set_tokens(PyObject* tokens) noexcept { held_.set_amount(tokens); }
+
+  /// Runs the `steps` of an operation: see HostCondition::run.
   template <class Steps>
-  void finish(Steps steps) {
-    condition_.finish(steps);
+  void run(Steps steps) {
+    condition_.run(steps);
   }
 
   [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.run_budget); }

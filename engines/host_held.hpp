@@ -11,6 +11,10 @@ class HostHeld final : public internal::HeldAmounts {
   HostHeld(State& state, PyObject* self, PyObject*& field, const char* name)
       : state_(state), self_(self), field_(field), name_(name) {}
 
+  /// The amount that the operation is about as a float object (borrowed), so that none need be made
+  /// where making it could fail.
+  void set_amount(PyObject* amount) noexcept { amount_ = amount; }
+
   bool admits(double share, double used, double limit) override;
   void take(double share) override;
   void give_back(double share) override;
@@ -21,11 +25,13 @@ class HostHeld final : public internal::HeldAmounts {
  private:
   /// The record, if its steps need no look-up by name.
   internal::Held* record();
+  [[nodiscard]] Owned as_object(double share) const;
 
   State& state_;
   PyObject* self_;
   PyObject*& field_;
   const char* name_;
+  PyObject* amount_ = nullptr;
 };
 
 }  // namespace decision_bounds::python

@@ -79,10 +79,13 @@ class HostSpend final : public internal::DailySpendSteps {
         [stopping = waiting.stopping] { return truth(call(stopping)); });
   }
 
-  /// Runs the `steps` that end a call.
+  /// The US dollars that the operation is about, as a float object (borrowed).
+  void set_dollars(PyObject* dollars) noexcept { held_.set_amount(dollars); }
+
+  /// Runs the `steps` of an operation: see HostCondition::run.
   template <class Steps>
-  void finish(Steps steps) {
-    condition_.finish(steps);
+  void run(Steps steps) {
+    condition_.run(steps);
   }
 
  private:

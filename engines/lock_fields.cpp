@@ -16,24 +16,34 @@ struct ReentrantLock {
 // sets the very field: after a bind the field is looked at again, so many times at most.
 constexpr int most_binds = 3;
 
+/// The object of a C method, or null.
+PyObject* object_of(const Owned& method) {
+  return method && PyCFunction_Check(method.get()) ? PyCFunction_GET_SELF(method.get()) : nullptr;
+}
+
+/// Whether `dict`, a condition's attributes, has what a spy puts there.
+bool is_spied(const State& state, const Owned& dict) {
+  const auto has = [&](Name name) {
+    return checked_count([&] { return PyDict_Contains(dict.get(), state.name(name)); }) != 0;
+  };
+  return has(Name::notify) || has(Name::notify_all);
+}
+
 /// Reads what the condition in `field` has.
 void read_condition(const State& state, ConditionField& field) {
   const Owned condition = Owned::copy(field.object);
   Owned dict = checked([&] { return PyObject_GenericGetDict(condition.get(), nullptr); });
-  Owned acquire = get(condition.get(), state.name(Name::acquire));
-  Owned release = get(condition.get(), state.name(Name::release));
-  Owned waiters = get(condition.get(), state.name(Name::_waiters));
-  const bool spied =
-      checked_count([&] { return PyDict_Contains(dict.get(), state.name(Name::notify_all)); }) != 0;
-  if (spied || reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) != state.deque) {
+  const Owned lock = get_if_there(condition.get(), state.name(Name::_lock));
+  Owned acquire = get_if_there(condition.get(), state.name(Name::acquire));
+  Owned release = get_if_there(condition.get(), state.name(Name::release));
+  Owned waiters = get_if_there(condition.get(), state.name(Name::_waiters));
+  const bool plain = lock && object_of(acquire) == lock.get() && object_of(release) == lock.get() &&
+                     waiters && reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) == state.deque;
+  if (!plain || is_spied(state, dict)) {
     for (Owned* method : {&acquire, &release, &waiters}) *method = Owned();
   }
   field.version = attributes_version(dict.get());
-  field.reentrant = nullptr;
-  if (acquire && PyCFunction_Check(acquire.get())) {
-    PyObject* lock = PyCFunction_GET_SELF(acquire.get());
-    if (lock != nullptr && Py_TYPE(lock) == state.transparent_lock) field.reentrant = lock;
-  }
+  field.reentrant = acquire && Py_TYPE(lock.get()) == state.transparent_lock ? lock.get() : nullptr;
   [[maybe_unused]] const Owned before[] = {
       replace(field.bound, Owned::copy(condition.get())), replace(field.dict, std::move(dict)),
       replace(field.acquire, std::move(acquire)), replace(field.release, std::move(release)),

@@ -4,23 +4,55 @@
 
 namespace decision_bounds::python {
 
-void LockByName::lock(const State& state, PyObject* lock) {
-  Owned enter = get_if_there(lock, state.name(Name::__enter__));
-  Owned exit = get_if_there(lock, state.name(Name::__exit__));
-  if (enter && exit) {
-    call(enter.get());
-    exit_ = std::move(exit);
-  } else {
-    enter = get(lock, state.name(Name::acquire));
-    Owned release = get(lock, state.name(Name::release));
-    call(enter.get());
-    release_ = std::move(release);
+namespace {
+
+/// Whether this thread owns the lock of a condition; `otherwise` where it cannot say.
+bool is_owned(const State& state, PyObject* condition, bool otherwise) {
+  try {
+    return truth(call_method(condition, state.name(Name::_is_owned)));
+  } catch (Raised&) {
+    return otherwise;
   }
 }
 
+}  // namespace
+
+void LockByName::lock(const State& state, PyObject* lock) {
+  state_ = &state;
+  lock_ = Owned::copy(lock);
+  Owned enter = get_if_there(lock, state.name(Name::__enter__));
+  Owned leave = get_if_there(lock, state.name(Name::__exit__));
+  is_block_ = enter && leave;
+  if (!is_block_) {
+    enter = get(lock, state.name(Name::acquire));
+    leave = get(lock, state.name(Name::release));
+  }
+  tells_owner_ = !is_owned(state, lock, true);
+  try {
+    call(enter.get());
+  } catch (Raised&) {
+    if (tells_owner_ && is_owned(state, lock, false)) leave_ = std::move(leave);
+    throw;
+  }
+  leave_ = std::move(leave);
+}
+
 void LockByName::unlock() {
-  if (exit_) call(exit_.get(), Py_None, Py_None, Py_None);
-  if (release_) call(release_.get());
+  if (!is_held()) return;
+  try {
+    call_leave();
+  } catch (Raised&) {
+    if (tells_owner_ && is_owned(*state_, lock_.get(), false)) call_leave();
+    throw;
+  }
+}
+
+void LockByName::call_leave() {
+  if (is_block_) {
+    call(leave_.get(), Py_None, Py_None, Py_None);
+  } else {
+    call(leave_.get());
+  }
 }
 
 void HostLock::lock() {
@@ -69,11 +101,11 @@ void HostCondition::lock() {
 }
 
 void HostCondition::enter() {
+  if (hold_ == Hold::taken) return;  // it was there when an interrupt came
   bool ran = false;
   if (!field_.bind(state_, ran)) {
     condition_ = Owned::copy(set_or_raise(field_.object, self_, "_changed"));
-    by_name_.lock(state_, condition_.get());
-    hold_ = Hold::taken;
+    enter_by_name();
     return;
   }
   condition_ = Owned::copy(field_.object);
@@ -82,6 +114,17 @@ void HostCondition::enter() {
   waiters_ = Owned::copy(field_.waiters);
   hold_ = Hold::brief;
   if (section_ != Section::brief || ran || !field_.is_free()) take_now();
+}
+
+void HostCondition::enter_by_name() {
+  try {
+    by_name_.lock(state_, condition_.get());
+  } catch (Raised&) {
+    if (by_name_.is_held()) hold_ = Hold::taken;
+    if (locking_ == Locking::may_fail) unlock();
+    throw;
+  }
+  hold_ = Hold::taken;
 }
 
 bool HostCondition::take_now() {
@@ -93,10 +136,15 @@ bool HostCondition::take_now() {
 
 void HostCondition::unlock() {
   if (std::exchange(hold_, Hold::none) != Hold::taken) return;
-  if (release_) {
-    call_builtin(release_.get(), state_.no_arguments);
-  } else {
-    by_name_.unlock();
+  try {
+    if (release_) {
+      call_builtin(release_.get(), state_.no_arguments);
+    } else {
+      by_name_.unlock();
+    }
+  } catch (RaisedInterrupt&) {
+    if (!kept_) kept_ = std::current_exception();  // where an error passes, its guard drops others
+    throw;
   }
 }
 
@@ -107,26 +155,24 @@ void HostCondition::wait_for(double seconds) {
     call_method(condition_.get(), state_.name(Name::wait), timeout.get());
   } catch (...) {
     // A wait that fails may have let the lock go without taking it back.
-    if (!owned()) hold_ = Hold::none;
+    if (!is_owned(state_, condition_.get(), true)) hold_ = Hold::none;
     throw;
-  }
-}
-
-bool HostCondition::owned() const {
-  try {
-    return truth(call_method(condition_.get(), state_.name(Name::_is_owned)));
-  } catch (Raised&) {
-    return true;  // it cannot say
   }
 }
 
 void HostCondition::notify_all() {
   if (hold_ == Hold::none) return;  // its waiters look again by themselves
   if (waiters_ && PyObject_Size(waiters_.get()) == 0) return;
-  insist_on([this] {
+  const auto wake = [this] {
     take_now();
     call_method(condition_.get(), state_.name(Name::notify_all));
-  });
+  };
+  try {
+    insist_on(wake);
+  } catch (RaisedError&) {
+    if (locking_ == Locking::must_go_on) insist_on(wake);  // some may not have been woken yet
+    throw;
+  }
 }
 
 void HostCondition::throw_kept() const {

@@ -21,20 +21,29 @@ enum class Locking {
   may_fail,
   /// It gives back what a call holds: an interrupt is put off until the lock is there, or the
   /// waiters are woken, and with a lock that fails for good the steps run without it; the
-  /// interpreter's lock keeps each of them whole. finish() throws the error at the end.
+  /// interpreter's lock keeps each of them whole. run() throws the error at the end.
   must_go_on,
 };
 
 /// A lock of the host's own, used as a `with` block would or, where it has no such methods, by
-/// acquire and release. How to let it go is looked up before it is taken: that may fail.
+/// acquire and release. How to let it go is looked up before it is taken, since that may fail. An
+/// `__enter__` or `__exit__` in Python can be ended by an interrupt, or for want of memory, with
+/// the lock in either state; one that can say whether this thread owns it is asked.
 class LockByName {
  public:
+  /// After an error is_held() says whether it was taken all the same.
   void lock(const State& state, PyObject* lock);
   /// Does nothing where it was not taken.
   void unlock();
+  [[nodiscard]] bool is_held() const noexcept { return static_cast<bool>(leave_); }
 
  private:
-  Owned exit_, release_;  // at most one of them
+  void call_leave();
+
+  const State* state_ = nullptr;
+  Owned lock_, leave_;
+  bool is_block_ = false;     // `leave_` is an __exit__
+  bool tells_owner_ = false;  // and this thread did not own it before
 };
 
 class HostLock final : public Lock {
@@ -77,9 +86,9 @@ class HostCondition final : public Condition {
   }
   /// The condition that this operation locked.
   [[nodiscard]] PyObject* object() const noexcept { return condition_.get(); }
-  /// Runs the `steps` that end a call; then throws the error that was put off, or theirs.
+  /// Runs the `steps` of an operation; then throws the error that was put off, or theirs.
   template <class Steps>
-  void finish(Steps steps) {
+  void run(Steps steps) {
     try {
       steps();
     } catch (...) {
@@ -91,12 +100,12 @@ class HostCondition final : public Condition {
 
  private:
   void enter();
+  void enter_by_name();
   /// Runs `step`; where the operation must go on, again whenever an interrupt ends it, which is
   /// kept. Gives up after a hundred: some host may raise one each time.
   template <class Step>
   void insist_on(Step step);
   void throw_kept() const;
-  [[nodiscard]] bool owned() const;
 
   const State& state_;
   PyObject* self_;

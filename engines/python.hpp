@@ -12,6 +12,7 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace decision_bounds::python {
@@ -22,15 +23,32 @@ namespace decision_bounds::python {
 /// process.
 [[noreturn]] void park_dying_thread() noexcept;
 
-/// Runs `call`, which may run Python code. Every such call goes through here, so that no frame of
-/// the module is ever unwound on a dying thread. (There is no object behind the reference that such
-/// an unwinding is caught by, which the sanitizer would report.)
+/// Parks the thread when it is unwound through the guard's scope. (Catching the unwinding would end
+/// the process where another exception is being handled already.)
+class ParkIfUnwound {
+ public:
+  ParkIfUnwound() = default;
+  ParkIfUnwound(const ParkIfUnwound&) = delete;
+  ParkIfUnwound& operator=(const ParkIfUnwound&) = delete;
+  ~ParkIfUnwound() {
+    if (!returned) park_dying_thread();
+  }
+
+  bool returned = false;
+};
+
+/// Runs `call`, which may run Python code and throws nothing. Every such call goes through here, so
+/// that no frame of the module is ever unwound on a dying thread.
 template <class Call>
-__attribute__((no_sanitize("undefined"))) auto entering(Call call) -> decltype(call()) {
-  try {
-    return call();
-  } catch (abi::__forced_unwind&) {
-    park_dying_thread();
+auto entering(Call call) -> decltype(call()) {
+  ParkIfUnwound guard;
+  if constexpr (std::is_void_v<decltype(call())>) {
+    call();
+    guard.returned = true;
+  } else {
+    const auto result = call();
+    guard.returned = true;
+    return result;
   }
 }
 

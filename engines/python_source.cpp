@@ -56,10 +56,13 @@ class Signature:
         ])
 
 
+_Held.__match_args__ = ("holders", "amount", "unbounded")
+_Charges.__match_args__ = ("per_byte", "per_call")
 Share.__signature__ = Signature(Share, give_back=_nothing)
 RunBudget.__signature__ = Signature(
     RunBudget, max_calls=..., max_tokens=..., calls=0, input_tokens=0, cost=0.0, cache_hits=0,
     in_flight=0, should_stop=never, _held_tokens=Factory(), _changed=Factory())
+RunBudget.__match_args__ = tuple(vars(RunBudget)["__signature__"].parameters)
 )";
 
 /// Runs `source` in a namespace of its own that begins with what `module` defines.

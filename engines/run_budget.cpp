@@ -83,10 +83,17 @@ Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& argum
   return as_dict(state, self.counts);
 }
 
+/// A tokens argument with a default of 0.
+Owned tokens_or_0(PyObject* value) {
+  return value != nullptr ? as_float(value, "tokens") : to_python(0.0);
+}
+
 Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"reserve", {Name::tokens}, 1, 0};
-  const double tokens = double_or_0(sorted(state, parameters, arguments)[0], "tokens");
-  HostBudget(state, self, Section::brief).reserve(tokens);
+  const Owned tokens = tokens_or_0(sorted(state, parameters, arguments)[0]);
+  HostBudget budget(state, self, Section::brief);
+  budget.set_tokens(tokens.get());
+  budget.run([&] { budget.reserve(PyFloat_AS_DOUBLE(tokens.get())); });
   return none();
 }
 
@@ -96,8 +103,9 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
   auto* object = reinterpret_cast<PyObject*>(&self);
   Owned share = new_share(state);
   HostBudget budget(state, self, Section::brief);
+  budget.set_tokens(tokens.get());
   if (budget.is_untouched()) {
-    budget.reserve(PyFloat_AS_DOUBLE(tokens.get()));
+    budget.run([&] { budget.reserve(PyFloat_AS_DOUBLE(tokens.get())); });
   } else {
     call_method(object, state.name(Name::reserve), tokens.get());
   }
@@ -107,20 +115,23 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
 
 Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
-  const double tokens = double_or_0(sorted(state, parameters, arguments)[0], "tokens");
+  const Owned tokens = tokens_or_0(sorted(state, parameters, arguments)[0]);
   HostBudget budget(state, self, Section::brief, Locking::must_go_on);
-  budget.finish([&] { budget.release(tokens); });
+  budget.set_tokens(tokens.get());
+  budget.run([&] { budget.release(PyFloat_AS_DOUBLE(tokens.get())); });
   return none();
 }
 
 Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
-  const std::optional<double> tokens =
-      reserved != nullptr ? std::optional(as_double(reserved, "tokens")) : std::nullopt;
+  const Owned tokens = tokens_or_0(reserved);
+  const double amount = PyFloat_AS_DOUBLE(tokens.get());
   const HostReply paid(state, as_reply(result, "result"));
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
-  budget.finish([&] { budget.charge(paid, tokens); });
+  budget.set_tokens(tokens.get());
+  budget.run(
+      [&] { budget.charge(paid, reserved != nullptr ? std::optional(amount) : std::nullopt); });
   return none();
 }
 
@@ -129,9 +140,10 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
 void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject* reply) {
   HostBudget budget(state, *reinterpret_cast<RunBudgetObject*>(object),
                     reply == Py_None ? Section::brief : Section::calls_python, Locking::must_go_on);
+  budget.set_tokens(tokens);
   if (budget.is_untouched()) {
     const HostReply paid(state, reply);
-    budget.finish(
+    budget.run(
         [&] { budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid); });
   } else if (reply == Py_None) {
     call_method(object, state.name(Name::release), tokens);

@@ -15,11 +15,11 @@ namespace decision_bounds::python {
   X(acquire) X(admits) X(amount) X(bound) X(cache_hits) X(cached) X(calls) X(cap) X(changed)  \
   X(charge) X(clock) X(cost) X(day) X(deadline) X(exc_info) X(feature) X(give_back) X(held)   \
   X(holders) X(in_flight) X(input_tokens) X(learn) X(ledger) X(limit) X(locked) X(logger)     \
-  X(max_calls) X(max_tokens) X(notify_all) X(per_byte) X(per_call) X(release) X(reply)        \
-  X(reserve) X(result) X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) X(today) \
-  X(tokens) X(unbounded) X(used) X(wait) X(warning) X(_POLL_S) X(__enter__) X(__exit__)       \
-  X(_changed) X(_exhausted_locked) X(_give_back) X(_held_tokens) X(_is_owned) X(_reply)       \
-  X(_spent_since) X(_summary_locked) X(_today_locked) X(_wait) X(_waiters)
+  X(max_calls) X(max_tokens) X(notify) X(notify_all) X(per_byte) X(per_call) X(release)       \
+  X(reply) X(reserve) X(result) X(settle) X(share) X(should_stop) X(size) X(stopping) X(take) \
+  X(today) X(tokens) X(unbounded) X(used) X(wait) X(warning) X(_POLL_S) X(__enter__)          \
+  X(__exit__) X(_changed) X(_exhausted_locked) X(_give_back) X(_held_tokens) X(_is_owned)     \
+  X(_lock) X(_reply) X(_spent_since) X(_summary_locked) X(_today_locked) X(_wait) X(_waiters)
 // clang-format on
 
 enum class Name : std::size_t {

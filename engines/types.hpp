@@ -3,6 +3,7 @@
 // Slots that every type of the module has, written once for all of them.
 
 #include <cstddef>
+#include <memory>
 
 #include "boundary.hpp"
 #include "fields.hpp"
@@ -26,16 +27,23 @@ int clear_slot(PyObject* self) {
   return 0;
 }
 
+/// Objects that hold each other in a long chain would take a frame each: the interpreter's trash
+/// can takes them from the stack.
 template <class Object>
 void dealloc_slot(PyObject* self) {
-  PyTypeObject* type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
+  Py_TRASHCAN_BEGIN(self, dealloc_slot<Object>);
+  PyTypeObject* type = Py_TYPE(self);
   if (reinterpret_cast<Object*>(self)->weakrefs != nullptr) {
     entering([=] { PyObject_ClearWeakRefs(self); });
   }
   clear_slot<Object>(self);
+  if constexpr (requires { &Object::account; }) {
+    std::destroy_at(&reinterpret_cast<Object*>(self)->account);
+  }
   type->tp_free(self);
   drop(reinterpret_cast<PyObject*>(type));
+  Py_TRASHCAN_END
 }
 
 template <class Function>
@@ -73,8 +81,7 @@ struct TypeParts {
 PyTypeObject* make_type(PyObject* module, PyType_Spec& spec);
 
 template <class Object>
-PyTypeObject* make_type(PyObject* module, const TypeParts& parts,
-                        destructor dealloc = dealloc_slot<Object>) {
+PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
   if constexpr (requires { &Object::deleted; }) {
     static_assert(offsetof(Object, deleted) == offsetof(Deletable, deleted));
   }
@@ -83,7 +90,7 @@ PyTypeObject* make_type(PyObject* module, const TypeParts& parts,
                          {Py_tp_init, slot(parts.init)},
                          {Py_tp_traverse, slot(traverse_slot<Object>)},
                          {Py_tp_clear, slot(clear_slot<Object>)},
-                         {Py_tp_dealloc, slot(dealloc)},
+                         {Py_tp_dealloc, slot(dealloc_slot<Object>)},
                          {Py_tp_methods, parts.methods},
                          {Py_tp_getset, parts.attributes},
                          {Py_tp_members, offset_members<Object>()},
