@@ -75,7 +75,8 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
     }
     return PyFloat_AS_DOUBLE(held.get());
   };
-  spend.run([&] { spend.admit(ask, {deadline, clock, stopping}); });
+  const Waiting waiting{deadline, clock, stopping};
+  spend.run([&] { spend.admit(ask, waiting); });
   if (action) {
     arm(share, Action::callable, action.get(), {});
   } else {

@@ -126,12 +126,12 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
   const Owned tokens = tokens_or_0(reserved);
-  const double amount = PyFloat_AS_DOUBLE(tokens.get());
+  const std::optional<double> amount =
+      reserved != nullptr ? std::optional(PyFloat_AS_DOUBLE(tokens.get())) : std::nullopt;
   const HostReply paid(state, as_reply(result, "result"));
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
   budget.set_tokens(tokens.get());
-  budget.run(
-      [&] { budget.charge(paid, reserved != nullptr ? std::optional(amount) : std::nullopt); });
+  budget.run([&] { budget.charge(paid, amount); });
   return none();
 }
 
