@@ -4,6 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <limits>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
 #include "decision_bounds/decision_bounds.hpp"
 
 namespace decision_bounds::test {
@@ -13,50 +26,80 @@ inline constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 inline std::string one_day() { return "2024-05-01"; }
 
-/// What a host's function throws in these tests: no std::exception, so nothing may absorb it.
-struct Interrupt {
-  static const char* what() { return "interrupted"; }
+/// What the host's functions throw: no std::exception, so nothing may absorb it.
+struct Interrupt {};
+
+struct ReplyFields {
+  double cost = 0.0;
+  std::int64_t tokens = 0;
+  bool cached = false;
+  std::string_view unreadable = {};  ///< the property that throws
 };
 
 struct Reply final : PaidReply {
-  /// `used` below 0: from the cache. `fails`: the property that throws.
-  explicit Reply(double usd = 0, std::int64_t used = 0, std::string_view fails = {})
-      : usd_(usd), used_(used), fails_(fails) {}
-  bool cached() const override { return read("cached"), used_ < 0; }
-  std::int64_t input_tokens() const override { return read("input_tokens"), used_; }
-  double cost() const override { return read("cost"), usd_; }
-  void read(auto name) const { name == fails_ || fails_ == "any" ? throw Interrupt() : void(); }
+  explicit Reply(const ReplyFields& of = {}) : fields(of) {}
+  auto read(std::string_view property, auto value) const {
+    return property == fields.unreadable ? throw Interrupt() : value;
+  }
+  bool cached() const override { return read("cached", fields.cached); }
+  std::int64_t input_tokens() const override { return read("input_tokens", fields.tokens); }
+  double cost() const override { return read("cost", fields.cost); }
 
-  double usd_;
-  std::int64_t used_;
-  std::string_view fails_;
+  ReplyFields fields;
 };
 
 /// Records what it is used for. Scripts play what other threads do meanwhile.
 struct FakeCondition final : Condition {
-  void lock() override { step("lock"), ++depth; }
-  void unlock() override { --depth, step("unlock"); }
-  void notify_all() override { wakes += depth > 0 ? 1 : 100, step("notify_all"); }
-  void wait_for(double seconds) override {
-    waits.push_back(depth > 0 ? seconds : nan), step("wait_for");
-    const int held = std::exchange(depth, 0);
-    at_wait(), depth = held;
+  void lock() override {
+    at_lock();
+    ++locks;
+    ++depth;
   }
-  void step(std::string_view operation) {
-    if (operation == std::exchange(fails, operation == fails ? "" : fails)) throw Interrupt();
-    if (operation == "lock" && depth == 0) ++locks, at_lock();
+  void unlock() override {
+    --depth;
+    fail_if_due("unlock");
+  }
+  void notify_all() override {
+    EXPECT_GT(depth, 0) << "requires the lock";
+    ++wakes;
+    fail_if_due("notify_all");
+  }
+  void wait_for(double seconds) override {
+    EXPECT_GT(depth, 0) << "requires the lock";
+    waits.push_back(seconds);
+    fail_if_due("wait_for");
+    const int held = std::exchange(depth, 0);
+    at_wait();
+    depth = held;
+  }
+  void fail_if_due(std::string_view operation) {
+    if (operation != failing) return;
+    failing = {};
+    throw Interrupt();
   }
 
-  int depth = 0, locks = 0, wakes = 0;
-  std::vector<double> waits;
-  std::string_view fails;  ///< the operation that throws when it is called next
+  int depth = 0;  ///< how often the lock is held
+  int locks = 0;
+  int wakes = 0;
+  std::vector<double> waits;  ///< the seconds of each
+  std::string_view failing;   ///< the operation that throws when it is called next
   std::function<void()> at_lock = [] {};
   std::function<void()> at_wait = [] { throw std::logic_error("nothing ends this wait"); };
 };
 
-struct QuietLogger final : Logger {
-  void warning(std::string_view, std::span<const LogArgument>, std::exception_ptr) override {}
+struct CountingLogger final : Logger {
+  void warning(std::string_view, std::span<const LogArgument>, std::exception_ptr) override {
+    ++warnings;
+  }
+
+  std::atomic<int> warnings = 0;
 };
+
+/// Runs `work` on so many threads at once.
+inline void on_threads(int count, const std::function<void()>& work) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < count; ++i) threads.emplace_back(work);
+}
 
 /// The message of the `Error` that `act` throws; empty when it throws none.
 template <class Error, class Act>

@@ -1,68 +1,99 @@
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
 #include "fakes.hpp"
 
 namespace decision_bounds::test {
 
 struct RunBudgetTest : testing::Test {
+  void SetUp() override { start({.max_calls = 9, .max_tokens = 100}); }
   void start(const RunCounts& counts) {
-    std::unique_ptr<Condition> owned(changed = new FakeCondition);
-    budget.emplace(counts, std::ref(stop), std::move(owned));
+    changed = new FakeCondition;
+    budget.emplace(counts, std::ref(stop), std::unique_ptr<Condition>(changed));
   }
+
   StopSignal stop = never;
-  FakeCondition* changed = nullptr;
+  FakeCondition* changed = nullptr;  // the budget's
   std::optional<RunBudget> budget;
 };
 
-TEST_F(RunBudgetTest, RefusesWhatItsSlotsOrSettledTokensLeaveNoRoomFor) {
-  start({.max_calls = 3, .max_tokens = 2000, .calls = 1});
-  Share first = budget->hold(9), second = budget->hold(9);
+TEST_F(RunBudgetTest, RefusesACallThatFindsNoSlot) {
+  start({.max_calls = 3, .max_tokens = 100, .calls = 1});
+  Share first = budget->hold(9);
+  budget->reserve(9);
   EXPECT_THROW(budget->reserve(), DecisionBudgetExceeded);
-  const Reply reply(0.0021, 1000);
-  first.settle(&reply), second.settle(nullptr);
+  first.settle(nullptr);
+  EXPECT_NO_THROW(budget->reserve());
+}
+
+TEST_F(RunBudgetTest, RefusesACallOnceTheSettledOnesUsedUpTheTokens) {
+  const Reply reply({.cost = 0.1, .tokens = 50});
   budget->hold(9).settle(&reply);
+  EXPECT_FALSE(budget->exhausted());
+  budget->charge(Reply({.cost = 0.2, .tokens = 50}));
+  EXPECT_TRUE(budget->exhausted());
   EXPECT_EQ(message_of<DecisionBudgetExceeded>([&] { budget->reserve(); }),
-            "decision budget exhausted: {'calls': 3, 'cache_hits': 0, 'input_tokens': 2000, "
-            "'cost_usd': 0.0042, 'max_calls': 3, 'max_tokens': 2000}");
+            "decision budget exhausted: {'calls': 2, 'cache_hits': 0, 'input_tokens': 100, "
+            "'cost_usd': 0.3, 'max_calls': 9, 'max_tokens': 100}");
+}
+
+TEST_F(RunBudgetTest, AStoppedPassReportsTheStopEvenWhenItIsSpent) {
+  start({});
   stop = [] { return true; };
   EXPECT_EQ(message_of<DecisionStopped>([&] { budget->reserve(); }), "the pass was asked to stop");
 }
 
 TEST_F(RunBudgetTest, AWaitingCallPollsForAStop) {
-  start({.max_calls = 9, .max_tokens = 100});
   budget->reserve(not_known);
-  stop = [this] { return changed->waits.size() == 2; }, changed->at_wait = [] {};
+  changed->at_wait = [] {};
+  stop = [this] { return changed->waits.size() == 2; };
   EXPECT_THROW(budget->reserve(), DecisionStopped);
   EXPECT_EQ(changed->waits, (std::vector<double>{0.1, 0.1}));
 }
 
-TEST_F(RunBudgetTest, CountsWhatEndsEachCallAndStaysInRange) {
-  start({.max_calls = 9, .max_tokens = INT64_MAX, .cost = 0.1});
-  budget->release();
-  Share held = budget->hold(1);
-  budget->charge(Reply(9, -9), 1);  // from the cache: the slot and the token stay held
-  EXPECT_THROW(budget->charge(Reply(0, 0, "cached")), Interrupt);  // no call's reply ends none
-  EXPECT_EQ(std::pair(changed->wakes, budget->counts().in_flight), std::pair(1, std::int64_t{1}));
-  const Reply reply(0.2, INT64_MAX - 1);
-  held.settle(&reply);
-  budget->hold(1).settle(&reply);  // a token is left, though doubles do not tell
+TEST_F(RunBudgetTest, ALastTokenIsRoomThoughDoublesDoNotTell) {
+  start({.max_calls = 9, .max_tokens = INT64_MAX, .input_tokens = INT64_MAX - 1});
+  EXPECT_NO_THROW(budget->reserve());
+}
+
+TEST_F(RunBudgetTest, ACacheHitEndsNoCall) {
+  budget->reserve(not_known);
+  budget->charge(Reply({.cost = 9.0, .tokens = 9, .cached = true}), not_known);
+  EXPECT_THROW(budget->charge(Reply({.unreadable = "cached"})), Interrupt);
   EXPECT_EQ(to_string(budget->counts()),
-            "RunBudget(max_calls=9, max_tokens=9223372036854775807, calls=2, "
-            "input_tokens=9223372036854775807, cost=0.5, cache_hits=1, in_flight=0)");
+            "RunBudget(max_calls=9, max_tokens=100, calls=0, input_tokens=0, cost=0.0, "
+            "cache_hits=1, in_flight=1)");
+  EXPECT_EQ(changed->wakes, 0);
+}
+
+TEST_F(RunBudgetTest, CountsStayInRange) {
+  constexpr std::int64_t most = INT64_MAX;
+  start({most, most, most, most - 1, 0.0, most, 1});
   EXPECT_TRUE(budget->exhausted());
+  budget->charge(Reply({.cached = true}));
+  budget->charge(Reply({.tokens = 2}));
+  EXPECT_EQ(budget->counts(), (RunCounts{most, most, most, most, 0.0, most, 0}));
 }
 
 TEST_F(RunBudgetTest, LosesNothingThatWasHeldToAnError) {
+  // Each fails once: a property of the reply, or an operation of the condition.
   for (const char* step : {"cached", "input_tokens", "cost", "notify_all", "unlock"}) {
-    start({.max_calls = 9, .max_tokens = 100});
+    SCOPED_TRACE(step);
+    SetUp();
     budget->reserve(not_known);
-    changed->fails = "wait_for";
+    changed->failing = "wait_for";
     EXPECT_THROW(budget->reserve(), Interrupt);
-    changed->fails = step;
-    EXPECT_THROW(budget->charge(Reply(0, 1, step), not_known), Interrupt);
-    EXPECT_EQ(std::pair(changed->depth, changed->wakes), std::pair(0, 1)) << step;
-    changed->fails = "unlock";
+    changed->failing = step;
+    EXPECT_THROW(budget->charge(Reply({.unreadable = step}), not_known), Interrupt);
+    EXPECT_EQ(changed->depth, 0);
+    EXPECT_EQ(changed->wakes, 1);
+    changed->failing = "unlock";
     EXPECT_THROW(budget->reserve(not_known), Interrupt);
-    budget->reserve(not_known);
-    EXPECT_EQ(budget->counts().in_flight, 1) << step;
+    budget->reserve(not_known);  // finds room
+    EXPECT_EQ(budget->counts().in_flight, 1);
   }
 }
 

@@ -29,6 +29,17 @@ def fresh():
     return module
 
 
+@pytest.fixture(params=["budget", "spend"])
+def which(request):
+    return request.param
+
+
+@pytest.fixture
+def switch_interval(before=sys.getswitchinterval()):
+    yield sys.setswitchinterval
+    sys.setswitchinterval(before)
+
+
 @pytest.fixture(params=["plain", "subclass", "other condition"])
 def kind(request):
     return Kind(request.param)

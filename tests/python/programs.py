@@ -1,14 +1,18 @@
 """Hostile hosts, each run in an interpreter of its own: programs.py NAME. A crash is the fault."""
 
+import collections
 import gc
 import logging
 import sys
-import threading
 import time
 import weakref
+from functools import partial
+from itertools import product
+from threading import Condition, Lock, RLock
 
 import decision_bounds as bounds
-from support import DAY, Boom, Reply, admit, attempt, boom, in_thread
+from support import (DAY, INFINITY, AcquiredCondition, Boom, NativeCondition, Reply, admit, attempt,
+                     boom, in_thread, is_held)  # fmt: skip
 
 logging.getLogger().addHandler(logging.NullHandler())
 
@@ -26,16 +30,22 @@ def objects_made_by_new_alone():
 
 
 class World:
-    """A pass and a day whose calls into Python are counted; the one that is due does a deed."""
+    """A pass, a day and rates whose calls into Python are counted; the one due does the deed."""
 
-    now = None
+    now = None  # the world that plays
+    calls, polls, locks = 0, 0, ()
 
-    def __init__(self, deed, due, held, condition):
-        World.now, self.deed, self.due, self.calls, self.polls = self, deed, due, 0, 0
+    def __init__(self, deed, due, held, condition, lock, charges):
+        self.deed, self.due = deed, due
         self.budget = bounds.RunBudget(9, 9, should_stop=self.stop, _held_tokens=held())
         self.spend = bounds.DailySpend(9.0, hooked(lambda: DAY), hooked(lambda day: 0.0))
-        self.budget._changed, self.spend._changed = condition(), condition()
-        self.spend._held = held()
+        self.spend._held, self.rates = held(), bounds.RequestRates()
+        self.rates._cost = charges()
+        self.put_locks_in(condition, lock)
+
+    def put_locks_in(self, condition=Condition, lock=Lock):
+        self.locks += (condition(), condition(), lock())  # the list keeps those that are replaced
+        self.budget._changed, self.spend._changed, self.rates._lock = self.locks[-3:]
 
     def step(self):
         self.calls += 1
@@ -52,32 +62,36 @@ class World:
         return admit(self.spend, hooked(lambda: 9.0), deadline=1.0, clock=clock, stopping=self.stop)
 
     def play(self):
+        World.now = self
         for admission in (lambda: self.budget.hold(9.0), self.admit):
             self.share = attempt(admission)
             for share in (self.share, attempt(admission)):  # the second waits until it is stopped
                 attempt(lambda share=share: share.settle(HookedReply()))
             attempt(lambda admission=admission: admission().__exit__())
+        attempt(lambda: self.rates.learn(9, "feature", HookedReply()))
+        attempt(lambda: self.rates.cost(9, "feature") + self.rates.tokens(9))
+        World.now = None
+
+    def holds_nothing(self):
+        held = self.budget._held_tokens.holders, self.spend._held.holders, self.budget.in_flight
+        return held == (0, 0, 0) and not any(map(is_held, self.locks))
 
 
 def hooked(function):
     return lambda *arguments: World.now.step() or function(*arguments)
 
 
-class HookedHeld(bounds._Held):
-    admits, take = hooked(bounds._Held.admits), hooked(bounds._Held.take)
+def hooked_type(base, *names, late):
+    """A type whose methods make a step before they begin or, the one named last, when done."""
+    steps = {name: hooked(getattr(base, name)) for name in names}
+    steps[late] = lambda *arguments: (getattr(base, late)(*arguments), World.now.step())[0]
+    return type("Hooked", (base,), steps)
 
-    def give_back(self, share):
-        super().give_back(share)
-        World.now.step()
 
-
-class HookedCondition(threading.Condition):
-    __enter__, wait = hooked(threading.Condition.__enter__), hooked(threading.Condition.wait)
-    notify_all = hooked(threading.Condition.notify_all)
-
-    def __exit__(self, *error):
-        super().__exit__(*error)
-        World.now.step()
+HookedHeld = hooked_type(bounds._Held, "admits", "take", late="give_back")
+HookedCharges = hooked_type(bounds._Charges, "bound", late="learn")
+HookedWaiters = hooked_type(collections.deque, late="__len__")
+HookedCondition = hooked_type(Condition, "__enter__", "wait", "notify_all", late="__exit__")
 
 
 class HookedReply:
@@ -85,26 +99,58 @@ class HookedReply:
     input_tokens = property(hooked(lambda self: 7))
 
 
+def condition_with_hooked_waiters():
+    condition = Condition()
+    condition._waiters = HookedWaiters()
+    return condition
+
+
+PLAIN = bounds._Held, Condition, Lock, bounds._Charges
+HOOKED = HookedHeld, HookedCondition, HookedCondition, HookedCharges
+WAITERS = bounds._Held, condition_with_hooked_waiters, RLock, bounds._Charges
+
+
+def interrupt(world):
+    raise KeyboardInterrupt
+
+
+def lose_the_locks(world):
+    for lock in world.locks:
+        attempt(getattr(lock, "_release_save", None) or lock.release)
+    raise Boom
+
+
+def replace(world):
+    """Puts other locks and records in the place of those in use, and uses them."""
+    world.put_locks_in()
+    for bound, name in (world.budget, "_held_tokens"), (world.spend, "_held"):
+        if type(held := getattr(bound, name)) is bounds._Held:  # another may be at work
+            setattr(bound, name, bounds._Held(held.holders, held.amount, held.unbounded))
+    return world.budget.summary(), world.spend.spent(), world.rates.tokens(9)
+
+
+def override(world):
+    """Puts steps in the place of the records' own that fail without the lock."""
+    held, cost = world.budget._held_tokens, world.rates._cost
+    held.give_back = lambda share: type(held).give_back(held, share / is_held(world.locks[0]))
+    cost.bound = lambda size: type(cost).bound(cost, size // is_held(world.locks[2]))
+
+
 def begin_again(world):
     world.budget.__init__(9, 9, should_stop=world.stop)
     world.spend.__init__(9.0, lambda: DAY, None)
+    world.rates.__init__()
 
 
 def remove(world):
-    for name in "_changed _held_tokens _held should_stop _today _ledger".split():
-        attempt(delattr, world.budget, name)
-        attempt(delattr, world.spend, name)
+    for name in "_changed _held_tokens _held should_stop _today _ledger _lock _cost".split():
+        for thing in (world.budget, world.spend, world.rates):
+            attempt(delattr, thing, name)
 
 
 def drop(world):
-    world.budget = world.spend = world.share = None
+    world.budget = world.spend = world.rates = world.share = None
     gc.collect()
-
-
-def lose_the_lock(world):
-    for bound in (world.budget, world.spend):
-        attempt(bound._changed._release_save)
-    raise Boom
 
 
 def enter_again(world):
@@ -115,21 +161,21 @@ def enter_again(world):
         attempt(call)
 
 
+LOSE_NOTHING = boom, interrupt, lose_the_locks, replace
+DEEDS = (*LOSE_NOTHING, begin_again, remove, drop, enter_again)
+
+
 def callables_that_misbehave():
-    bounds._POLL_S = 0.0005
-    for parts in ((bounds._Held, threading.Condition), (HookedHeld, HookedCondition)):
-        for deed in (boom, lose_the_lock, begin_again, remove, drop, enter_again):
-            due, world = 0, None
-            while world is None or world.calls >= world.due:
-                due += 1
-                world = World(deed, due, *parts)
-                world.play()
-                if deed in (boom, lose_the_lock):
-                    holders = world.budget._held_tokens.holders, world.spend._held.holders
-                    assert (*holders, world.budget.in_flight) == (0, 0, 0), (parts, due)
-                    for bound in (world.budget, world.spend):
-                        assert not bound._changed._is_owned(), (parts, due)
-            assert due > 20
+    bounds._POLL_S = 0.0001
+    for deed, parts in product(DEEDS, (PLAIN, HOOKED, WAITERS)):
+        due, world = 0, None
+        while world is None or world.calls >= world.due:
+            due += 1
+            world = World(deed, due, *parts)
+            world.play()
+            if deed in LOSE_NOTHING:
+                assert world.holds_nothing(), (deed, parts, due)
+        assert due > 20
 
 
 def rings():
@@ -164,9 +210,9 @@ OTHER_INTERPRETER = """if True:
             share.settle(Reply())
         try:
             admit(bound)
-            raise SystemError
+            raise AssertionError
         except bounds.DecisionBudgetExceeded:
-            bound.me = bound
+            bound.me = bound  # it dies with the interpreter
 """
 
 
@@ -184,24 +230,30 @@ def daemon_threads_at_the_end_of_the_interpreter():
         def __del__(self):
             time.sleep(0.4)
 
-    bounds.slow, budget, locked = Slow(), bounds.RunBudget(9, 9), bounds.RunBudget(9, 9)
+    bounds.slow = Slow()  # so that waits end while the interpreter does
+    budget, locked = bounds.RunBudget(9, 9), bounds.RunBudget(9, 9)
     spend, derived = (bounds.DailySpend(9.0, str, None) for _ in range(2))
-    derived.__class__ = type("Derived", (bounds.DailySpend,), {})
-    held = [admit(bound, 9.0) for bound in (budget, spend, derived, locked)]
-    loops = bounds.RunBudget(9, 9, should_stop=lambda: [None for _ in iter(int, 1)])
-    for bound in (budget, spend, derived, loops) * 4:
+    derived.__class__ = type("Derived", (bounds.DailySpend,), {})  # its steps go by name
+    *_, share = [admit(bound, 9.0) for bound in (budget, spend, derived, locked)]
+    busy = bounds.RunBudget(9, 9, should_stop=lambda: [None for _ in iter(int, 1)])  # for ever
+    for bound in (budget, spend, derived, busy) * 4:
         in_thread(admit, bound)
     locked._changed.acquire()
-    in_thread(held[3].settle, None)
+    in_thread(share.settle, None)
     time.sleep(0.1)
 
 
-class Things:
-    def __init__(self):
+class Things(World):
+    """A world that makes no steps, of figures that the interpreter does not keep ready."""
+
+    def __init__(self, condition=Condition, lock=Lock):
         self.budget, self.rates = bounds.RunBudget(900, 90000, 300), bounds.RequestRates()
         self.spend = bounds.DailySpend(900.5, lambda: DAY, lambda day: 300.25)
-        self.reply, self.pair = Reply(300.5, 3000), [self.budget, self.spend]
-        self.tokens, self.dollars = [admit(bound, 300.5) for bound in self.pair]
+        self.tokens, self.dollars = self.budget.hold(300.5), admit(self.spend, 300.5)
+        self.reply = Reply(300.5, 3000)
+        self.rates.learn(3000, "feature", self.reply)
+        self.put_locks_in(condition, lock)
+        self.dicts = [{} for _ in range(100)]  # nor any dict: all that it had to reuse are in use
 
     def state(self):
         budget, spend, rates = self.budget, self.spend, self.rates
@@ -216,7 +268,7 @@ OPERATIONS = [
     lambda t: t.budget.exhausted(), lambda t: repr(t.budget), lambda t: admit(t.spend, 700.5),
     lambda t: t.dollars.settle(t.reply), lambda t: t.dollars.settle(None),
     lambda t: t.spend.spent(), lambda t: t.spend.charge(t.reply),
-    lambda t: t.rates.learn(300, "feature", t.reply), lambda t: t.rates.cost(300, "feature"),
+    lambda t: t.rates.learn(300, "another", t.reply), lambda t: t.rates.cost(300, "feature"),
     lambda t: t.rates.tokens(300), lambda t: (t.tokens._give_back, t.dollars._give_back),
     lambda t: (bounds.RunBudget(900, 900), bounds.DailySpend(900.5, str, None)),
     lambda t: (bounds.RequestRates(), bounds.Share(boom), bounds._Held(), bounds._Charges(300.5)),
@@ -226,13 +278,15 @@ OPERATIONS = [
 def memory_that_fails_at_each_step():
     from _testcapi import remove_mem_hooks, set_nomemory
 
-    for number, operate in enumerate(OPERATIONS):
-        things, k, quiet = Things(), 0, 0
+    locks = (Condition, Lock), (NativeCondition,) * 2, (AcquiredCondition,) * 2
+    for (number, operate), pair in product(enumerate(OPERATIONS), locks):
+        things, k, quiet = Things(*pair), 0, 0
         before = things.state()
         operate(things)
         after = things.state()
-        while quiet < 12:
-            things = Things()
+        while quiet < 12:  # an operation may do without an allocation that fails
+            things = None  # before the next ones, which take over its dicts
+            things = Things(*pair)
             set_nomemory(k, k + 1)
             try:
                 operate(things)
@@ -241,11 +295,33 @@ def memory_that_fails_at_each_step():
                 quiet = 0
             finally:
                 remove_mem_hooks()
+            assert not any(map(is_held, things.locks)), (number, pair, k)
             if things.state() == before:
                 operate(things)
-            assert things.state() == after, (number, k)
-            assert not any(bound._changed._is_owned() for bound in things.pair)
+            assert things.state() == after, (number, pair, k)
             k += 1
+
+
+def collections_that_misbehave():
+    """The garbage collector runs what does the deeds, in the middle of an operation."""
+    bounds._POLL_S = 0.0001
+    wait = lambda t: attempt(admit, t.spend, INFINITY, stopping=iter((False, True)).__next__)
+    collected = lambda phase, info: done.append(deed(things))
+    deeds = replace, override, begin_again, remove, drop
+    for deed, operate in product(deeds, (*OPERATIONS, wait)):
+        k, done, things = 0, [True], Things()
+        expected = type(operate(things)), things.state()
+        while done:
+            k, done, things = k + 1, [], Things()
+            gc.collect()
+            gc.callbacks.append(collected)
+            gc.set_threshold(k)  # new objects until the next
+            outcome = attempt(operate, things)
+            gc.set_threshold(0)
+            gc.callbacks.clear()
+            assert not any(map(is_held, things.locks)), (deed, operate, k)
+            if deed in (replace, override):
+                assert (type(outcome), things.state()) == expected, (deed, operate, k)
 
 
 if __name__ == "__main__":

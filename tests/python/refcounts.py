@@ -3,10 +3,12 @@
 import gc
 import os
 import sys
+from unittest.mock import patch
 
 import decision_bounds as bounds
 import programs
-from support import INFINITY, Kind, Reply, admit, attempt, await_waiters, boom, in_thread
+from support import (INFINITY, Kind, AcquiredCondition, Reply, admit, attempt, await_waiters, boom,
+                     in_thread)  # fmt: skip
 
 WARM_UP, RUNS, WINDOWS = 3, 20, 6
 KINDS = [Kind(name) for name in ("plain", "subclass", "other condition")]
@@ -43,6 +45,15 @@ def threads_that_wait():
             call.result(20).settle(None)
 
 
+def what_few_hosts_use():
+    budget, wait = bounds.RunBudget(9, 9, _changed=AcquiredCondition()), bounds._wait
+    budget.hold(INFINITY)._give_back = bounds._nothing  # it holds its room for good
+    budget.should_stop = iter((False, True)).__next__
+    with patch.object(bounds, "_wait", lambda *arguments: wait(*arguments)):
+        assert isinstance(attempt(budget.hold, 1.0), bounds.DecisionStopped)
+    assert not (bounds.never() or bounds._nothing(bounds._Charges().__reduce__()))
+
+
 def counts():
     gc.collect()
     return sys.gettotalrefcount(), sys.getallocatedblocks(), len(os.listdir("/proc/self/fd"))
@@ -68,7 +79,7 @@ def is_flat(run):
 
 
 if __name__ == "__main__":
-    scenarios = [calls_from_admission_to_refusal, arguments_that_are_refused, threads_that_wait]
-    scenarios += [programs.objects_made_by_new_alone, programs.cycles_and_chains]
-    scenarios += [programs.callables_that_misbehave, programs.interpreters_of_their_own]
-    sys.exit(not all([is_flat(scenario) for scenario in scenarios]))
+    scenarios = [calls_from_admission_to_refusal, arguments_that_are_refused, threads_that_wait,
+                 what_few_hosts_use, programs.objects_made_by_new_alone, programs.cycles_and_chains,
+                 programs.callables_that_misbehave, programs.interpreters_of_their_own]  # fmt: skip
+    sys.exit(not all(map(is_flat, scenarios)))  # up to the first that grows

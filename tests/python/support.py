@@ -25,11 +25,17 @@ def boom(*_):
     raise Boom
 
 
+class Broken:
+    cached, input_tokens, cost = False, 7, property(boom)
+
+
 def attempt(call, *arguments, **keywords):
-    """What the call returns, or the error that it raises."""
+    """What the call returns, or the error or interrupt that it raises."""
     try:
         return call(*arguments, **keywords)
-    except Exception as error:
+    except (SystemError, AssertionError):  # the former: a rule of the interpreter's was broken
+        raise
+    except (Exception, KeyboardInterrupt) as error:
         return error
 
 
@@ -47,11 +53,22 @@ class OtherCondition:
         self.inner.__exit__(*error)
 
 
+class NativeCondition(type(threading.RLock())):
+    """A lock, or a condition that nobody waits on: used by name, yet all its methods are in C."""
+
+    wait, notify_all = time.sleep, [].clear
+
+
+AcquiredCondition = type("Acquired", (NativeCondition,), {"__enter__": property()})  # not by with
+
+
 class Kind:
     """Makes bounds that the module handles in C++ alone (plain), or by name."""
 
     def __init__(self, name):
-        self.condition = OtherCondition if name == "other condition" else threading.Condition
+        derived = type("Derived", (threading.Condition,), {})
+        conditions = {"other condition": OtherCondition, "derived condition": derived}
+        self.condition = conditions.get(name, threading.Condition)
         self.types = [bounds.RunBudget, bounds.DailySpend]
         if name == "subclass":
             self.types = [type("Derived", (base,), {}) for base in self.types]
@@ -89,6 +106,11 @@ def in_thread(function, *arguments):
 
 def condition_of(bound):
     return getattr(bound._changed, "inner", bound._changed)
+
+
+def is_held(lock):
+    """Whether this thread holds a lock or condition (any thread: a lock that has no owner)."""
+    return lock._is_owned() if hasattr(lock, "_is_owned") else lock.locked()
 
 
 def await_waiters(bound, count=1):

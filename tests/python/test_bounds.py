@@ -4,20 +4,17 @@ import logging
 import random
 import sys
 import threading
+import time
 
 import decision_bounds as bounds
 import pytest
-from support import (DAY, INFINITY, NEXT_DAY, Boom, Reply, admit, attempt, await_waiters, boom,
-                     holds_nothing, in_thread)  # fmt: skip
+from support import (DAY, INFINITY, NEXT_DAY, Boom, Broken, Reply, admit, attempt, await_waiters,
+                     boom, holds_nothing, in_thread)  # fmt: skip
 
 WARNING = (
     "The daily decision cost cap is reached: $10.0042 of $10.00 spent today (UTC); paid calls "
     "resume tomorrow, cached answers are still used"
 )
-
-
-class Broken:
-    cached, input_tokens, cost = False, 7, property(boom)
 
 
 def test_the_first_settlement_gives_back_and_the_rest_do_nothing():
@@ -72,7 +69,6 @@ def test_a_pass_from_admission_to_refusal(kind):
     assert budget.stopping() is True and holds_nothing(budget)
 
 
-@pytest.mark.parametrize("which", ["budget", "spend"])
 @pytest.mark.parametrize("reply", [None, Reply(0.0, 0), Reply(10.0, 10), Broken()])
 def test_every_waiting_call_and_host_thread_is_woken(kind, which, reply, monkeypatch):
     def wait(changed):
@@ -84,7 +80,8 @@ def test_every_waiting_call_and_host_thread_is_woken(kind, which, reply, monkeyp
     share = admit(bound, 10.0)
     calls, host = [in_thread(admit, bound, 0.5) for _ in range(3)], in_thread(wait, bound._changed)
     await_waiters(bound, 4)
-    assert isinstance(attempt(share.settle, reply), Boom if isinstance(reply, Broken) else object)
+    outcome = attempt(share.settle, reply)
+    assert isinstance(outcome, Boom) if isinstance(reply, Broken) else outcome is None
     for call in calls:
         if reply == Reply(10.0, 10):
             assert isinstance(call.exception(20), bounds.DecisionBudgetExceeded)
@@ -93,7 +90,18 @@ def test_every_waiting_call_and_host_thread_is_woken(kind, which, reply, monkeyp
     assert host.exception(20) is None and holds_nothing(bound)
 
 
-@pytest.mark.parametrize("which", ["budget", "spend"])
+def test_room_that_appears_just_before_a_wait_is_found(kind, which, monkeypatch):
+    def make_room():
+        in_thread(share.settle, None)
+        time.sleep(0.05)  # enough to settle, but for the lock
+
+    monkeypatch.setattr(bounds, "_POLL_S", 60.0)
+    bound, polls = getattr(kind, which)(), iter([bool] * (which == "budget") + [make_room])
+    share, bound.should_stop = admit(bound, 10.0), lambda: next(polls)()
+    in_thread(lambda: admit(bound, stopping=lambda: next(polls)())).result(20).settle(None)
+    assert holds_nothing(bound)
+
+
 def test_a_stop_ends_a_waiting_call(kind, which):
     stop, bound = threading.Event(), getattr(kind, which)()
     bound.should_stop = stop.is_set
@@ -176,8 +184,7 @@ def test_rates_bound_a_request_once_its_feature_was_paid_for():
     assert rates.cost(0, "b") == 0.002 and not rates._lock.locked() and rates._features == {"a", "b"}
 
 
-@pytest.mark.parametrize("which", ["budget", "spend"])
-def test_many_threads_fill_a_bound_and_never_pass_it(kind, which, monkeypatch):
+def test_many_threads_fill_a_bound_and_never_pass_it(kind, which, monkeypatch, switch_interval):
     bound = kind.budget(10**9, 29_999) if which == "budget" else kind.spend(29_999.0)
     monkeypatch.setattr(bounds, "_POLL_S", 60.0)
     used, held = ("input_tokens", "_held_tokens") if which == "budget" else ("_cost", "_held")
@@ -199,10 +206,6 @@ def test_many_threads_fill_a_bound_and_never_pass_it(kind, which, monkeypatch):
             except bounds.DecisionBudgetExceeded:
                 return settled
 
-    interval = sys.getswitchinterval()
-    sys.setswitchinterval(1e-6)  # else hardly two threads meet
-    try:
-        total = sum(worker.result(60) for worker in [in_thread(work, seed) for seed in range(8)])
-    finally:
-        sys.setswitchinterval(interval)
+    switch_interval(1e-6)  # else hardly two threads meet
+    total = sum(worker.result(60) for worker in [in_thread(work, seed) for seed in range(8)])
     assert total == getattr(bound, used) in range(29_999, 30_002) and holds_nothing(bound)

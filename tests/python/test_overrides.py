@@ -3,12 +3,15 @@
 import signal
 import threading
 import time
+from functools import partial
 from unittest.mock import Mock, call
 
 import decision_bounds as bounds
 import pytest
-from support import DAY, Boom, Reply, admit, attempt, await_waiters, boom, holds_nothing, in_thread
+from support import (DAY, Boom, Broken, Kind, Reply, admit, attempt, await_waiters, boom,
+                     holds_nothing, in_thread)  # fmt: skip
 
+interrupt_main = partial(signal.pthread_kill, threading.main_thread().ident, signal.SIGINT)
 STEPS = {  # how often the test below takes each
     "RunBudget": dict(stopping=3, _exhausted_locked=4, _summary_locked=2, reserve=3, release=1)
     | {"charge": 1},
@@ -65,12 +68,24 @@ def test_the_modules_globals_are_looked_up_at_each_use(kind, monkeypatch):
     assert bounds.logger.warning.call_args.args[1:] == (10.0, 10.0)
 
 
+def test_the_modules_own_wait_serves_a_host_too():
+    changed, clock = Mock(), lambda: 1.0
+    bounds._wait(changed, bool)
+    bounds._wait(changed, lambda: [], deadline=1.0625, clock=clock)
+    for error, stopping in (bounds.DecisionTimeout, bool), (bounds.DecisionStopped, lambda: [1]):
+        pytest.raises(error, bounds._wait, changed, stopping, deadline=1.0, clock=clock)
+    assert changed.mock_calls == [call.wait(0.1), call.wait(0.0625)]
+
+
 def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind):
-    for bound, calls in ((kind.budget(), 3), (kind.spend(), 4)):
+    budget, spend = kind.budget(), kind.spend()
+    for bound, held, calls in (budget, budget._held_tokens, 6), (spend, spend._held, 7):
         admit(bound).settle(None)
         bound._changed.notify_all = Mock()
-        for reply in (None, Reply(), object()):
-            attempt(admit(bound).settle, reply)
+        for give_back in (held.give_back, boom):
+            held.give_back = give_back
+            for reply in (None, Reply(), object()):
+                attempt(admit(bound).settle, reply)
         bound.charge(Reply(cached=True))
         assert bound._changed.notify_all.call_count == calls
 
@@ -92,24 +107,37 @@ def test_every_operation_waits_for_a_lock_that_the_host_holds(kind):
     assert not any(future.exception(20) for future in under_way)
 
 
-def interrupt_main():
-    signal.pthread_kill(threading.main_thread().ident, signal.SIGINT)
-
-
-@pytest.mark.parametrize("bound", [bounds.RunBudget(9, 9), bounds.DailySpend(9.0, str, None)])
-def test_an_interrupt_ends_a_wait_at_once_and_a_settlement_once_it_is_done(bound, monkeypatch):
-    def hold_the_lock():
+@pytest.mark.parametrize("reply", [None, Broken()])
+@pytest.mark.parametrize("name", ["plain", "subclass", "derived condition"])
+def test_an_interrupt_ends_waits_not_settlements(name, which, reply, monkeypatch):
+    def interrupt_and_wait():
         with bound._changed:
             locked.set()
-            time.sleep(0.2)
+            settling.wait(20)
+            time.sleep(0.1)  # until the settlement waits for the lock
             interrupt_main()
-            time.sleep(0.02)
+            bound._changed.wait()
 
     monkeypatch.setattr(bounds, "_POLL_S", 60.0)
-    share, locked = admit(bound, 9.0), threading.Event()
+    bound, locked, settling = getattr(Kind(name), which)(), threading.Event(), threading.Event()
+    share, call = admit(bound, 10.0), in_thread(admit, bound, 10.0)
+    await_waiters(bound)
+    host = in_thread(interrupt_and_wait)
+    assert locked.wait(20)
+    settling.set()
+    pytest.raises(KeyboardInterrupt, share.settle, reply)
+    share = call.result(20)
     in_thread(lambda: (await_waiters(bound), interrupt_main()))
     pytest.raises(KeyboardInterrupt, admit, bound)
-    host = in_thread(hold_the_lock)
-    assert locked.wait(20)
-    pytest.raises(KeyboardInterrupt, share.settle, Reply())
+    share.settle(None)
     assert host.exception(20) is None and holds_nothing(bound)
+
+
+def test_an_interrupt_in_a_hosts_own_lock_is_put_off_too(which):
+    bound = getattr(Kind("other condition"), which)()
+    one, other = admit(bound), admit(bound)
+    bound._changed.notify_all = notify_all = Mock(side_effect=[KeyboardInterrupt, None])
+    pytest.raises(KeyboardInterrupt, one.settle, None)
+    bound._changed.__enter__ = Mock(side_effect=[KeyboardInterrupt, Boom])
+    pytest.raises(KeyboardInterrupt, other.settle, Broken())
+    assert notify_all.call_count == 2 and holds_nothing(bound)

@@ -10,7 +10,7 @@ import pytest
 
 PROGRAMS = """objects_made_by_new_alone callables_that_misbehave cycles_and_chains
     interpreters_of_their_own daemon_threads_at_the_end_of_the_interpreter
-    memory_that_fails_at_each_step""".split()
+    memory_that_fails_at_each_step collections_that_misbehave""".split()
 
 
 @pytest.mark.parametrize("name", PROGRAMS)

@@ -101,10 +101,10 @@ def test_types_errors_and_logger_are_named_after_the_import(name, fresh):
 def test_a_type_can_be_derived_from_weakly_referenced_and_given_attributes(name):
     thing, derived = made(name), type("Derived", (getattr(bounds, name),), {"more": 1})
     assert isinstance(derived.__new__(derived), getattr(bounds, name)) and derived.more == 1
-    thing.note = reference = weakref.ref(thing)
+    thing.note = reference = weakref.ref(thing, (gone := []).append)
     assert vars(thing) == {"note": reference} and reference() is thing
     del thing
-    assert reference() is None
+    assert reference() is None and gone == [reference]
 
 
 def test_records_show_and_compare_their_fields():
