@@ -71,7 +71,7 @@ TEST_F(ShareTest, LetsTheErrorOfItsActionOutUnlessAnotherEndsItsScope) {
 }
 
 TEST_F(ShareTest, IsGivenBackOnceByTwoThreadsAndItsOwnAction) {
-  constexpr std::size_t count = 60000;
+  constexpr std::size_t count = 200000;
   std::atomic<std::size_t> runs = 0;
   std::deque<Share> shares;
   for (std::size_t i = 0; i < count; ++i) {

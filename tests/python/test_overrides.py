@@ -77,6 +77,26 @@ def test_the_modules_own_wait_serves_a_host_too():
     assert changed.mock_calls == [call.wait(0.1), call.wait(0.0625)]
 
 
+def test_a_touched_account_binds_its_action_when_it_admits(fresh):
+    spend, seen = fresh.DailySpend(9.0, lambda: DAY, None), []
+    before = [admit(spend), admit(spend)]
+    spend._give_back = lambda held, reply: seen.append((held, reply))
+    after = admit(spend, 2.0)
+    del spend._give_back
+    after.settle("paid")
+    before[0]._give_back(None)
+    before[1].settle(None)
+    assert seen == [(2.0, "paid")] and spend._held == fresh._Held(1, 2.0)
+
+
+@pytest.mark.parametrize("method", ["acquire", "release"])
+def test_a_condition_of_which_a_method_was_replaced_is_used_like_a_with_block(method, which):
+    bound = getattr(Kind("plain"), which)()
+    setattr(bound._changed, method, boom)
+    admit(bound).settle(None)
+    assert len(bound._changed._waiters) == 0 and not bound._changed._is_owned()
+
+
 def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind):
     budget, spend = kind.budget(), kind.spend()
     for bound, held, calls in (budget, budget._held_tokens, 6), (spend, spend._held, 7):

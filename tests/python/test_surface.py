@@ -113,6 +113,11 @@ def test_records_show_and_compare_their_fields():
     assert repr(budget).endswith(", cost=0.5, cache_hits=0, in_flight=0)")
     assert budget == bounds.RunBudget(3, 9, 0, 0, 0.5) != bounds.RunBudget(3, 9)
     held = bounds._Held(2, 1e16, 1)
+    match held, budget:
+        case bounds._Held(2, 1e16, 1), bounds.RunBudget(3, 9, 0):
+            pass
+        case _:
+            raise AssertionError("not matched by position")
     assert held == copy.copy(held) == pickle.loads(pickle.dumps(held)) != bounds._Held()
     for record in (budget, held, bounds._Charges()):
         derived = type("Derived", (type(record),), {})(1, 2)
