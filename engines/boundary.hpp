@@ -94,6 +94,7 @@ struct Method<Body> {
 /// A row of a method table; `doc` begins with the signature.
 template <auto Body>
 PyMethodDef method(const char* name, const char* doc) noexcept {
+  // cppcheck-suppress throwInNoexceptFunction ; nothing is called here
   return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Method<Body>::entry)),
           METH_METHOD | METH_FASTCALL | METH_KEYWORDS, doc};
 }

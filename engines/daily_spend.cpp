@@ -127,19 +127,19 @@ Owned spent_since(State& state, DailySpendObject& self,
 
 // ---- the type ----
 
-Field cap{"_cap", offsetof(DailySpendObject, account.cap)};
-Field today{"_today", offsetof(DailySpendObject, today), check_callable};
-Field ledger{"_ledger", offsetof(DailySpendObject, ledger), check_callable_or_none};
-Field changed{"_changed", offsetof(DailySpendObject, changed.object), check_condition};
-Field held{"_held", offsetof(DailySpendObject, held), check_held};
-Field day{"_day", offsetof(DailySpendObject, account.day)};
-Field cost{"_cost", offsetof(DailySpendObject, account.cost)};
-Field capped{"_capped", offsetof(DailySpendObject, account.capped)};
-PyGetSetDef attributes[] = {double_field(cap),    object_field(today),
-                            object_field(ledger), object_field(changed),
-                            object_field(held),   text_field(day),
-                            double_field(cost),   bool_field(capped),
-                            dict_attribute(),     {}};
+Field cap_field{"_cap", offsetof(DailySpendObject, account.cap)};
+Field today_field{"_today", offsetof(DailySpendObject, today), check_callable};
+Field ledger_field{"_ledger", offsetof(DailySpendObject, ledger), check_callable_or_none};
+Field changed_field{"_changed", offsetof(DailySpendObject, changed.object), check_condition};
+Field held_field{"_held", offsetof(DailySpendObject, held), check_held};
+Field day_field{"_day", offsetof(DailySpendObject, account.day)};
+Field cost_field{"_cost", offsetof(DailySpendObject, account.cost)};
+Field capped_field{"_capped", offsetof(DailySpendObject, account.capped)};
+PyGetSetDef attributes[] = {double_field(cap_field),    object_field(today_field),
+                            object_field(ledger_field), object_field(changed_field),
+                            object_field(held_field),   text_field(day_field),
+                            double_field(cost_field),   bool_field(capped_field),
+                            dict_attribute(),           {}};
 PyMethodDef methods[] = {
     method<spent>("spent",
                   "spent($self)\n--\n\n"

@@ -67,6 +67,7 @@ class Share:
     def __exit__(self, *error: object) -> None: ...
 
 class _Held:
+    __match_args__ = ("holders", "amount", "unbounded")
     holders: int
     amount: float
     unbounded: int
@@ -87,6 +88,7 @@ def _wait(
 ) -> None: ...
 
 class _Charges:
+    __match_args__ = ("per_byte", "per_call")
     per_byte: float
     per_call: float
     def __init__(self, per_byte: float = 0.0, per_call: float = 0.0) -> None: ...
@@ -105,6 +107,18 @@ class RequestRates:
 
 class RunBudget:
     __signature__: Signature
+    __match_args__ = (
+        "max_calls",
+        "max_tokens",
+        "calls",
+        "input_tokens",
+        "cost",
+        "cache_hits",
+        "in_flight",
+        "should_stop",
+        "_held_tokens",
+        "_changed",
+    )
     max_calls: int
     max_tokens: int
     calls: int

@@ -31,10 +31,13 @@ class ParkIfUnwound {
   ParkIfUnwound(const ParkIfUnwound&) = delete;
   ParkIfUnwound& operator=(const ParkIfUnwound&) = delete;
   ~ParkIfUnwound() {
-    if (!returned) park_dying_thread();
+    if (armed_) park_dying_thread();
   }
 
-  bool returned = false;
+  void dismiss() noexcept { armed_ = false; }
+
+ private:
+  bool armed_ = true;
 };
 
 /// Runs `call`, which may run Python code and throws nothing. Every such call goes through here, so
@@ -44,10 +47,10 @@ auto entering(Call call) -> decltype(call()) {
   ParkIfUnwound guard;
   if constexpr (std::is_void_v<decltype(call())>) {
     call();
-    guard.returned = true;
+    guard.dismiss();
   } else {
     const auto result = call();
-    guard.returned = true;
+    guard.dismiss();
     return result;
   }
 }

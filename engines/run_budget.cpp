@@ -156,21 +156,28 @@ namespace {
 
 // ---- the type ----
 
-Field max_calls{"max_calls", offsetof(RunBudgetObject, counts.max_calls)};
-Field max_tokens{"max_tokens", offsetof(RunBudgetObject, counts.max_tokens)};
-Field calls{"calls", offsetof(RunBudgetObject, counts.calls)};
-Field input_tokens{"input_tokens", offsetof(RunBudgetObject, counts.input_tokens)};
-Field cost{"cost", offsetof(RunBudgetObject, counts.cost)};
-Field cache_hits{"cache_hits", offsetof(RunBudgetObject, counts.cache_hits)};
-Field in_flight{"in_flight", offsetof(RunBudgetObject, counts.in_flight)};
-Field stop{"should_stop", offsetof(RunBudgetObject, should_stop), check_callable};
-Field held{"_held_tokens", offsetof(RunBudgetObject, held_tokens), check_held};
-Field changed{"_changed", offsetof(RunBudgetObject, changed.object), check_condition};
-PyGetSetDef attributes[] = {
-    int64_field(max_calls),    int64_field(max_tokens), int64_field(calls),
-    int64_field(input_tokens), double_field(cost),      int64_field(cache_hits),
-    int64_field(in_flight),    object_field(stop),      object_field(held),
-    object_field(changed),     dict_attribute(),        {}};
+Field max_calls_field{"max_calls", offsetof(RunBudgetObject, counts.max_calls)};
+Field max_tokens_field{"max_tokens", offsetof(RunBudgetObject, counts.max_tokens)};
+Field calls_field{"calls", offsetof(RunBudgetObject, counts.calls)};
+Field input_tokens_field{"input_tokens", offsetof(RunBudgetObject, counts.input_tokens)};
+Field cost_field{"cost", offsetof(RunBudgetObject, counts.cost)};
+Field cache_hits_field{"cache_hits", offsetof(RunBudgetObject, counts.cache_hits)};
+Field in_flight_field{"in_flight", offsetof(RunBudgetObject, counts.in_flight)};
+Field stop_field{"should_stop", offsetof(RunBudgetObject, should_stop), check_callable};
+Field held_field{"_held_tokens", offsetof(RunBudgetObject, held_tokens), check_held};
+Field changed_field{"_changed", offsetof(RunBudgetObject, changed.object), check_condition};
+PyGetSetDef attributes[] = {int64_field(max_calls_field),
+                            int64_field(max_tokens_field),
+                            int64_field(calls_field),
+                            int64_field(input_tokens_field),
+                            double_field(cost_field),
+                            int64_field(cache_hits_field),
+                            int64_field(in_flight_field),
+                            object_field(stop_field),
+                            object_field(held_field),
+                            object_field(changed_field),
+                            dict_attribute(),
+                            {}};
 PyMethodDef methods[] = {
     method<stopping>("stopping",
                      "stopping($self)\n--\n\n"

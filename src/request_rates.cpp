@@ -33,7 +33,7 @@ using FeatureSet = std::unordered_set<std::string, FeatureHash, std::equal_to<>>
 
 class SetFeatures {
  public:
-  explicit SetFeatures(FeatureSet& all, Feature one = {}) : all_(all), one_(one) {}
+  explicit SetFeatures(FeatureSet& all, const Feature& one = {}) : all_(all), one_(one) {}
 
   [[nodiscard]] bool empty() const { return all_.empty(); }
   [[nodiscard]] bool known() const { return all_.contains(one_); }

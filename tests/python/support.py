@@ -59,7 +59,8 @@ class NativeCondition(type(threading.RLock())):
     wait, notify_all = time.sleep, [].clear
 
 
-AcquiredCondition = type("Acquired", (NativeCondition,), {"__enter__": property()})  # not by with
+class AcquiredCondition(NativeCondition):
+    __enter__ = _is_owned = property()  # none for a with block, nor one that says who holds it
 
 
 class Kind:
@@ -110,6 +111,7 @@ def condition_of(bound):
 
 def is_held(lock):
     """Whether this thread holds a lock or condition (any thread: a lock that has no owner)."""
+    lock = super(NativeCondition, lock) if isinstance(lock, NativeCondition) else lock
     return lock._is_owned() if hasattr(lock, "_is_owned") else lock.locked()
 
 

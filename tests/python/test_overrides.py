@@ -102,10 +102,10 @@ def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind)
     for bound, held, calls in (budget, budget._held_tokens, 6), (spend, spend._held, 7):
         admit(bound).settle(None)
         bound._changed.notify_all = Mock()
-        for give_back in (held.give_back, boom):
-            held.give_back = give_back
+        for _ in range(2):
             for reply in (None, Reply(), object()):
                 attempt(admit(bound).settle, reply)
+            held.give_back = boom  # from now on it fails, and wakes all the same
         bound.charge(Reply(cached=True))
         assert bound._changed.notify_all.call_count == calls
 
