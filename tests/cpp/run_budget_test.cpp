@@ -74,7 +74,7 @@ TEST_F(RunBudgetTest, CountsStayInRange) {
   start({most, most, most, most - 1, 0.0, most, 1});
   EXPECT_TRUE(budget->exhausted());
   budget->charge(Reply({.cached = true}));
-  budget->charge(Reply({.tokens = 2}));
+  for (int replies = 0; replies < 2; ++replies) budget->charge(Reply({.tokens = 2}));
   EXPECT_EQ(budget->counts(), (RunCounts{most, most, most, most, 0.0, most, 0}));
 }
 

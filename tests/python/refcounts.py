@@ -51,7 +51,8 @@ def what_few_hosts_use():
     budget.should_stop = iter((False, True)).__next__
     with patch.object(bounds, "_wait", lambda *arguments: wait(*arguments)):
         assert isinstance(attempt(budget.hold, 1.0), bounds.DecisionStopped)
-    assert not (bounds.never() or bounds._nothing(bounds._Charges().__reduce__()))
+    assert not bounds.never() and bounds._nothing(None) is None
+    assert all(record().__reduce__() for record in (bounds._Held, bounds._Charges))
 
 
 def counts():
