@@ -21,6 +21,16 @@ PyObject* object_of(const Owned& method) {
   return method && PyCFunction_Check(method.get()) ? PyCFunction_GET_SELF(method.get()) : nullptr;
 }
 
+/// The object's __dict__. CPython 3.11 makes a second one over the same values, and frees them
+/// twice, when the garbage collector runs while it makes the first and something then asks for it.
+Owned dict_of(const Owned& object) {
+  const bool collects = PyGC_Disable() != 0;
+  PyObject* dict = entering([&] { return PyObject_GenericGetDict(object.get(), nullptr); });
+  if (collects) PyGC_Enable();
+  if (dict == nullptr) throw_raised();
+  return Owned::steal(dict);
+}
+
 /// Whether `dict`, a condition's attributes, has what a spy puts there.
 bool is_spied(const State& state, const Owned& dict) {
   const auto has = [&](Name name) {
@@ -32,7 +42,7 @@ bool is_spied(const State& state, const Owned& dict) {
 /// Reads what the condition in `field` has.
 void read_condition(const State& state, ConditionField& field) {
   const Owned condition = Owned::copy(field.object);
-  Owned dict = checked([&] { return PyObject_GenericGetDict(condition.get(), nullptr); });
+  Owned dict = dict_of(condition);
   const Owned lock = get_if_there(condition.get(), state.name(Name::_lock));
   Owned acquire = get_if_there(condition.get(), state.name(Name::acquire));
   Owned release = get_if_there(condition.get(), state.name(Name::release));

@@ -313,7 +313,7 @@ def collections_that_misbehave():
     bounds._POLL_S = 0.0001
     wait = lambda t: attempt(admit, t.spend, INFINITY, stopping=iter((False, True)).__next__)
     collected = lambda phase, info: done.append(deed(things))
-    deeds = replace, override, begin_again, remove, drop
+    deeds = replace, override, begin_again, remove, drop, enter_again
     for deed, operate in product(deeds, (*OPERATIONS, wait)):
         k, done, things = 0, [True], Things()
         expected = type(operate(things)), things.state()
