@@ -1,3 +1,4 @@
+#include <functional>
 #include <new>
 
 #include "daily_spend_steps.hpp"
@@ -76,7 +77,7 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
     return PyFloat_AS_DOUBLE(held.get());
   };
   const Waiting waiting{deadline, clock, stopping};
-  spend.run([&] { spend.admit(ask, waiting); });
+  spend.run([&] { spend.admit(std::ref(ask), waiting); });
   if (action) {
     arm(share, Action::callable, action.get(), {});
   } else {

@@ -47,6 +47,8 @@ struct ShareObject {
   PyObject *target, *amount;
   PyObject *dict, *weakrefs;
 
+  /// As a share is once its call has ended.
+  [[nodiscard]] bool is_empty() const noexcept { return target == nullptr && dict == nullptr; }
   int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 };

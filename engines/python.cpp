@@ -10,6 +10,10 @@ void park_dying_thread() noexcept {
   for (;;) pause();
 }
 
+[[gnu::noinline]] void drop_last(PyObject* object) noexcept {
+  entering([object] { Py_DECREF(object); });
+}
+
 Owned get_if_there(PyObject* object, PyObject* name) {
   try {
     return get(object, name);

@@ -55,13 +55,17 @@ auto entering(Call call) -> decltype(call()) {
   }
 }
 
-/// Lets a reference go; null is fine. The last one may run Python code.
+/// Lets the last reference go, which may run Python code. Kept apart so that drop() is small enough
+/// to be inlined everywhere.
+void drop_last(PyObject* object) noexcept;
+
+/// Lets a reference go; null is fine.
 inline void drop(PyObject* object) noexcept {
   if (object == nullptr) return;
   if (Py_REFCNT(object) > 1) {
     Py_DECREF(object);
   } else {
-    entering([object] { Py_DECREF(object); });
+    drop_last(object);
   }
 }
 

@@ -27,22 +27,28 @@ int clear_slot(PyObject* self) {
   return 0;
 }
 
-/// Objects that hold each other in a long chain would take a frame each: the interpreter's trash
-/// can takes them from the stack.
 template <class Object>
-void dealloc_slot(PyObject* self) {
-  PyObject_GC_UnTrack(self);
-  Py_TRASHCAN_BEGIN(self, dealloc_slot<Object>);
+void free_untracked(PyObject* self) {
   PyTypeObject* type = Py_TYPE(self);
   if (reinterpret_cast<Object*>(self)->weakrefs != nullptr) {
     entering([=] { PyObject_ClearWeakRefs(self); });
   }
   clear_slot<Object>(self);
-  if constexpr (requires { &Object::account; }) {
-    std::destroy_at(&reinterpret_cast<Object*>(self)->account);
-  }
+  std::destroy_at(reinterpret_cast<Object*>(self));
   type->tp_free(self);
   drop(reinterpret_cast<PyObject*>(type));
+}
+
+/// Objects that hold each other in a long chain would take a frame each: the interpreter's trash
+/// can takes them from the stack. One that holds nothing ends a chain.
+template <class Object>
+void dealloc_slot(PyObject* self) {
+  PyObject_GC_UnTrack(self);
+  if constexpr (requires(Object object) { object.is_empty(); }) {
+    if (reinterpret_cast<Object*>(self)->is_empty()) return free_untracked<Object>(self);
+  }
+  Py_TRASHCAN_BEGIN(self, dealloc_slot<Object>);
+  free_untracked<Object>(self);
   Py_TRASHCAN_END
 }
 
