@@ -60,13 +60,13 @@ def measured(program: Path, output: Path) -> list[Row]:
     add(section, "settle alone", ("give_backs", "alone/mean"), PLAIN, 1.1)
     add(section, "until all tested again", ("give_backs", "all/mean"), PLAIN, 1.1)
     add("3. C++, processor time by calls that wait in vain", "processor time",
-        ("idles", "share/min"), PLAIN, 1.1, unit="s/s")
+        ("idles", "share/median"), PLAIN, 1.1, unit="s/s")
     section = "3. C++, from settle to admitted"
     add(section, "median", ("wake_ups", "latency/median"), PLAIN, 1.1, curve=False)
     add(section, "99th percentile", ("wake_ups", "latency/p99"), PLAIN, 1.1, curve=False)
-    add("3. C++, cost by features", "cost", ("cost", "time/min"), "plain mutex, set, maxima", 1.1)
+    add("3. C++, cost by features", "cost", ("cost", "time/mean"), "plain mutex, set, maxima", 1.1)
     add("3. C++, the 10-millionth call", "hold, settle", ("ten_millionth", "time/min"),
-        "calls 1,001 to 10,000", 1.1, curve=False)
+        "the first calls", 1.1, curve=False)
     for operation, key in (("an atomic exchange", "floor_exchange"),
                            ("a std::function call", "floor_function")):
         rows.append(Row("Floors, C++", operation, found[key, 1, "ours", "time/min"]))

@@ -28,8 +28,19 @@ inline double trimmed_mean(const std::vector<double>& sorted) {
   return sum / static_cast<double>(sorted.end() - sorted.begin() - 2 * cut);
 }
 
+/// Reports each figure's samples as counters KIND/FIGURE/STATISTIC.
+inline void report(benchmark::State& state, Samples& samples) {
+  for (auto& [name, values] : samples) {
+    std::sort(values.begin(), values.end());
+    state.counters[name + "/min"] = values.front();
+    state.counters[name + "/mean"] = trimmed_mean(values);
+    state.counters[name + "/median"] = values[values.size() / 2];
+    state.counters[name + "/p99"] = values[values.size() * 99 / 100];
+  }
+}
+
 /// Lets the library and its peer take turns, so that whatever else the machine does meets both
-/// alike. Reports each figure's samples as counters KIND/FIGURE/STATISTIC.
+/// alike, and reports what the visits sampled.
 template <class Visit>
 void take_turns(benchmark::State& state, int visits, Visit ours, Visit peer) {
   Samples samples;
@@ -43,13 +54,7 @@ void take_turns(benchmark::State& state, int visits, Visit ours, Visit peer) {
       }
     }
   }
-  for (auto& [name, values] : samples) {
-    std::sort(values.begin(), values.end());
-    state.counters[name + "/min"] = values.front();
-    state.counters[name + "/mean"] = trimmed_mean(values);
-    state.counters[name + "/median"] = values[values.size() / 2];
-    state.counters[name + "/p99"] = values[values.size() * 99 / 100];
-  }
+  report(state, samples);
 }
 
 }  // namespace decision_bounds::bench

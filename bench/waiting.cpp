@@ -115,41 +115,40 @@ class Crowd {
 /// One give-back alone, and until every waiting call has tested again.
 template <class Gate>
 Samples give_back(std::int64_t size) {
-  constexpr int rounds = 5;
+  constexpr int rounds = 11;
   Crowd<Gate> crowd(size, rounds);
   Samples samples;
   for (int i = 0; i < rounds; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // until the last one waits again
+    std::this_thread::sleep_for(std::chrono::microseconds(200));  // until the last one waits again
     crowd.tests.expect(size);
     const auto begin = SteadyClock::now();
     crowd.give_back_one();
-    samples["alone"].push_back(seconds_between(begin, SteadyClock::now()));
-    samples["all"].push_back(seconds_between(begin, crowd.tests.await()));
+    const double alone = seconds_between(begin, SteadyClock::now());
+    const double all = seconds_between(begin, crowd.tests.await());
+    if (i == 0) continue;  // of threads that have just started: several times as long
+    samples["alone"].push_back(alone);
+    samples["all"].push_back(all);
   }
   return samples;
 }
 
-/// The processor time that a crowd takes in a second.
+/// Crowds of one kind, enough of the small ones to have something to measure.
 template <class Gate>
-Samples idle(std::int64_t size) {
-  const auto count = std::max<std::int64_t>(1, 64 / size);  // of small crowds, many
-  std::vector<std::unique_ptr<Crowd<Gate>>> crowds;
-  for (std::int64_t i = 0; i < count; ++i) {
-    constexpr std::chrono::microseconds poll(
-        100'000);  // calls that poll all at once would cost more
-    crowds.push_back(std::make_unique<Crowd<Gate>>(size, 0, poll / count));
+class Crowds {
+ public:
+  void add(std::int64_t size, std::chrono::microseconds spread) {
+    crowds_.push_back(std::make_unique<Crowd<Gate>>(size, 0, spread));
   }
-  const auto processor_seconds = [&] {
+  /// What one of them has used so far.
+  [[nodiscard]] double processor_seconds() const {
     double sum = 0.0;
-    for (const auto& crowd : crowds) sum += crowd->processor_seconds();
-    return sum / static_cast<double>(count);
-  };
-  const auto begin = SteadyClock::now();
-  const double before = processor_seconds();
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  const double used = processor_seconds() - before;
-  return {{"share", {used / seconds_between(begin, SteadyClock::now())}}};
-}
+    for (const auto& crowd : crowds_) sum += crowd->processor_seconds();
+    return sum / static_cast<double>(crowds_.size());
+  }
+
+ private:
+  std::vector<std::unique_ptr<Crowd<Gate>>> crowds_;
+};
 
 /// From giving back to the one waiting call's start.
 template <class Gate>
@@ -188,13 +187,48 @@ using OurGate = Ours<Signal>;
 using PlainGate = Plain<Signal>;
 
 void give_backs(benchmark::State& state) {
-  const auto visits = static_cast<int>(std::clamp<std::int64_t>(12000 / state.range(0), 20, 100));
+  const auto visits = static_cast<int>(std::clamp<std::int64_t>(50'000 / state.range(0), 80, 400));
   take_turns(state, visits, give_back<OurGate>, give_back<PlainGate>);
 }
-void idles(benchmark::State& state) { take_turns(state, 24, idle<OurGate>, idle<PlainGate>); }
+
+/// The processor time that a crowd takes in a second. Ours and its peer's wait at the same time, so
+/// that whatever else the machine does meets both alike.
+void idles(benchmark::State& state) {
+  constexpr int visits = 40;
+  constexpr std::chrono::microseconds poll(100'000);
+  constexpr std::chrono::milliseconds window(200);
+  const std::int64_t size = state.range(0);
+  const std::int64_t count = std::max<std::int64_t>(1, 64 / size);
+  Samples samples;
+  for ([[maybe_unused]] auto _ : state) {
+    for (int visit = 0; visit < visits; ++visit) {
+      Crowds<OurGate> ours;
+      Crowds<PlainGate> peer;
+      for (std::int64_t i = 0; i < 2 * count; ++i) {
+        const auto spread = poll / (2 * count);  // calls that poll all at once would cost more
+        if ((i + visit) % 2 == 0) {
+          ours.add(size, spread);
+        } else {
+          peer.add(size, spread);
+        }
+      }
+      const auto begin = SteadyClock::now();
+      const double ours_before = ours.processor_seconds();
+      const double peer_before = peer.processor_seconds();
+      std::this_thread::sleep_for(window);
+      const double ours_used = ours.processor_seconds() - ours_before;
+      const double peer_used = peer.processor_seconds() - peer_before;
+      const double passed = seconds_between(begin, SteadyClock::now());
+      samples["ours/share"].push_back(ours_used / passed);
+      samples["peer/share"].push_back(peer_used / passed);
+    }
+  }
+  report(state, samples);
+}
+
 // Short visits: the processors' sleep changes the times by the second, for both alike.
 void wake_ups(benchmark::State& state) {
-  take_turns(state, 1000, wake_up<OurGate>, wake_up<PlainGate>);
+  take_turns(state, 2000, wake_up<OurGate>, wake_up<PlainGate>);
 }
 
 BENCHMARK(give_backs)->RangeMultiplier(4)->Range(1, 1024)->Iterations(1)->Repetitions(1);

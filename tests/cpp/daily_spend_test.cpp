@@ -146,6 +146,32 @@ TEST_F(DailySpendTest, ACallAdmittedBeforeMidnightHoldsAndCountsOnTheNewDay) {
   EXPECT_EQ(spend.spent(), 2.25);
 }
 
+TEST_F(DailySpendTest, KeepsWhatAReplyCountsWhileItIsRead) {
+  spend.charge(UsingReply([this] { spend.charge(Reply({.cost = 0.25})); }));
+  EXPECT_EQ(spend.spent(), 10.25);
+  day = "2024-05-02";
+  Share share = admit(1.0);
+  const UsingReply reply([this] { spend.charge(Reply({.cost = 0.25})); });
+  share.settle(&reply);
+  EXPECT_EQ(spend.spent(), 10.25);
+}
+
+TEST_F(DailySpendTest, LetsTheErrorOfItsLockOut) {
+  changed->failing = "unlock";
+  EXPECT_THROW(static_cast<void>(spend.spent()), Interrupt);
+  changed->failing = "unlock";
+  EXPECT_THROW(spend.charge(Reply()), Interrupt);
+}
+
+TEST_F(DailySpendTest, NeedsItsFunctionsAndHoldsNothingWithoutThem) {
+  EXPECT_THROW(DailySpend(10.0, nullptr, nullptr), std::invalid_argument);
+  const auto bound = [] { return not_known; };
+  EXPECT_THROW(spend.admit(nullptr, {}, clock, never).settle(nullptr), std::invalid_argument);
+  EXPECT_THROW(spend.admit(bound, {}, clock, nullptr).settle(nullptr), std::invalid_argument);
+  EXPECT_THROW(spend.admit(bound, 200.0, nullptr, never).settle(nullptr), std::invalid_argument);
+  EXPECT_EQ(changed->locks, 0);
+}
+
 TEST_F(DailySpendTest, LosesNothingThatWasHeldToAnError) {
   // Each fails once: a function of the host, a property of the reply, or the condition.
   for (const char* step : {"today", "cost", "notify_all", "unlock"}) {

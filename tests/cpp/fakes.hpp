@@ -48,6 +48,16 @@ struct Reply final : PaidReply {
   ReplyFields fields;
 };
 
+/// One token and one dollar; uses its bound whenever a sum is read.
+struct UsingReply final : PaidReply {
+  explicit UsingReply(std::function<void()> what) : use(std::move(what)) {}
+  bool cached() const override { return false; }
+  std::int64_t input_tokens() const override { return use(), 1; }
+  double cost() const override { return use(), 1.0; }
+
+  std::function<void()> use;
+};
+
 /// Records what it is used for. Scripts play what other threads do meanwhile.
 struct FakeCondition final : Condition {
   void lock() override {

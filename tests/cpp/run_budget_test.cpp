@@ -2,6 +2,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include "fakes.hpp"
@@ -69,6 +70,35 @@ TEST_F(RunBudgetTest, ACacheHitEndsNoCall) {
   EXPECT_EQ(changed->wakes, 0);
 }
 
+TEST_F(RunBudgetTest, KeepsWhatAReplyCountsWhileItIsRead) {
+  budget->charge(UsingReply([this] { budget->charge(Reply({.cost = 0.25, .tokens = 2})); }));
+  EXPECT_EQ(
+      budget->counts(),
+      (RunCounts{.max_calls = 9, .max_tokens = 100, .calls = 3, .input_tokens = 5, .cost = 1.5}));
+}
+
+TEST_F(RunBudgetTest, KeepsWhatItCountedBeforeAReplyFails) {
+  for (const char* property : {"input_tokens", "cost"}) {
+    const Reply reply({.cost = 0.5, .tokens = 7, .unreadable = property});
+    EXPECT_THROW(budget->charge(reply), Interrupt);
+  }
+  EXPECT_EQ(budget->counts(),
+            (RunCounts{.max_calls = 9, .max_tokens = 100, .calls = 2, .input_tokens = 7}));
+}
+
+TEST_F(RunBudgetTest, LetsTheErrorOfItsLockOut) {
+  const std::function<void()> operations[] = {
+      [this] { budget->release(); },
+      [this] { budget->charge(Reply({.cached = true})); },
+      [this] { return budget->exhausted(); },
+      [this] { return budget->counts(); },
+  };
+  for (const auto& operation : operations) {
+    changed->failing = "unlock";
+    EXPECT_THROW(operation(), Interrupt);
+  }
+}
+
 TEST_F(RunBudgetTest, CountsStayInRange) {
   constexpr std::int64_t most = INT64_MAX;
   start({most, most, most, most - 1, 0.0, most, 1});
@@ -76,6 +106,10 @@ TEST_F(RunBudgetTest, CountsStayInRange) {
   budget->charge(Reply({.cached = true}));
   for (int replies = 0; replies < 2; ++replies) budget->charge(Reply({.tokens = 2}));
   EXPECT_EQ(budget->counts(), (RunCounts{most, most, most, most, 0.0, most, 0}));
+}
+
+TEST_F(RunBudgetTest, NeedsAStopSignal) {
+  EXPECT_THROW(RunBudget(9, 100, nullptr), std::invalid_argument);
 }
 
 TEST_F(RunBudgetTest, LosesNothingThatWasHeldToAnError) {
