@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <memory>
 
 #include "charges.hpp"
 #include "fakes.hpp"
@@ -40,6 +41,18 @@ TEST(RequestRatesTest, KeepWhatTheyLearnedBeforeAReplyFails) {
   EXPECT_THROW(rates.learn(1000, "audit", reply), Interrupt);
   EXPECT_EQ(rates.cost(1000, "audit"), 0.01);
   EXPECT_EQ(rates.tokens(1000), 0.0);
+}
+
+struct LockThatFailsToOpen final : Lock {
+  void lock() override {}
+  void unlock() override { throw Interrupt(); }
+};
+
+TEST(RequestRatesTest, LetTheErrorOfTheirLockOut) {
+  RequestRates rates(std::make_unique<LockThatFailsToOpen>());
+  EXPECT_THROW(rates.learn(1000, "audit", Reply()), Interrupt);
+  EXPECT_THROW(static_cast<void>(rates.cost(1000, "audit")), Interrupt);
+  EXPECT_THROW(static_cast<void>(rates.tokens(1000)), Interrupt);
 }
 
 }  // namespace decision_bounds::test
