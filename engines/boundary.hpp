@@ -15,8 +15,8 @@ namespace decision_bounds::python {
 /// error can come up.
 void set_error(const State* state) noexcept;
 
-/// What `body` returns, or `failure` with the Python error set. (There is no object behind the
-/// reference that a cancelled thread's unwinding is caught by, which the sanitizer would report.)
+/// What `body` returns, or `failure` with the Python error set. (Checks of undefined behaviour are
+/// off: the reference that catches a cancelled thread's unwinding refers to no object.)
 template <class Result, class Body>
 __attribute__((no_sanitize("undefined"))) Result guarded(const State* state, Result failure,
                                                          Body body) {

@@ -1,7 +1,8 @@
 #pragma once
 
 // The module's objects, as the interpreter allocates them: zeroed, not constructed. Each says what
-// the garbage collector must see, and lets go of it.
+// the garbage collector must see, and lets go of it. The interpreter reads the header of what was
+// destroyed, so no destructor may touch that.
 
 #include "charges.hpp"
 #include "daily_spend_steps.hpp"
@@ -47,8 +48,10 @@ struct ShareObject {
   PyObject *target, *amount;
   PyObject *dict, *weakrefs;
 
-  /// As a share is once its call has ended.
-  [[nodiscard]] bool is_empty() const noexcept { return target == nullptr && dict == nullptr; }
+  /// Whether freeing it frees nothing else: it holds nothing, and no weak reference calls anybody.
+  [[nodiscard]] bool is_leaf() const noexcept {
+    return target == nullptr && dict == nullptr && weakrefs == nullptr;
+  }
   int traverse(visitproc visit, void* arg) const;
   void clear() noexcept;
 };

@@ -40,12 +40,12 @@ void free_untracked(PyObject* self) {
 }
 
 /// Objects that hold each other in a long chain would take a frame each: the interpreter's trash
-/// can takes them from the stack. One that holds nothing ends a chain.
+/// can takes them from the stack. A leaf ends a chain.
 template <class Object>
 void dealloc_slot(PyObject* self) {
   PyObject_GC_UnTrack(self);
-  if constexpr (requires(Object object) { object.is_empty(); }) {
-    if (reinterpret_cast<Object*>(self)->is_empty()) return free_untracked<Object>(self);
+  if constexpr (requires(Object object) { object.is_leaf(); }) {
+    if (reinterpret_cast<Object*>(self)->is_leaf()) return free_untracked<Object>(self);
   }
   Py_TRASHCAN_BEGIN(self, dealloc_slot<Object>);
   free_untracked<Object>(self);

@@ -189,6 +189,20 @@ def rings():
     return [weakref.ref(thing) for thing in (budget, other, spend, dated, held, share)]
 
 
+def weak_chain():
+    """Ended shares of which each, as it goes, lets a dict let the next one go."""
+    following = weakref.WeakKeyDictionary()
+    share = None
+    for _ in range(5000):
+        before = bounds.Share()
+        before.settle(None)
+        if share is not None:
+            following[before] = share
+        share = before
+    del share, before
+    assert len(following) == 0
+
+
 def cycles_and_chains():
     references = rings()
     gc.collect()
@@ -199,6 +213,7 @@ def cycles_and_chains():
         budget = bounds.RunBudget(9, 9, should_stop=budget.stopping)
     assert isinstance(attempt(share.settle, None), RecursionError)
     assert isinstance(attempt(budget.hold, 1.0), RecursionError)
+    weak_chain()
 
 
 OTHER_INTERPRETER = """if True:
