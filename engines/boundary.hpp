@@ -2,6 +2,8 @@
 
 // Where Python calls into the module: no C++ exception passes this line.
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <span>
 #include <type_traits>

@@ -75,13 +75,12 @@ class HostBudget final : public internal::RunBudgetSteps {
     });
   }
 
-  /// The tokens that the operation is about, as a float object (borrowed).
-  void set_tokens(PyObject* tokens) noexcept { held_.set_amount(tokens); }
-
-  /// Runs the `steps` of an operation: see HostCondition::run.
+  /// Runs the `steps` of an operation on so many tokens, a float object (borrowed), of which they
+  /// get the value: see HostCondition::run.
   template <class Steps>
-  void run(Steps steps) {
-    condition_.run(steps);
+  void run(PyObject* tokens, Steps steps) {
+    held_.set_amount(tokens);
+    condition_.run([&] { steps(PyFloat_AS_DOUBLE(tokens)); });
   }
 
   [[nodiscard]] bool is_untouched() const noexcept { return untouched(&self_, state_.run_budget); }

@@ -92,8 +92,7 @@ Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"reserve", {Name::tokens}, 1, 0};
   const Owned tokens = tokens_or_0(sorted(state, parameters, arguments)[0]);
   HostBudget budget(state, self, Section::brief);
-  budget.set_tokens(tokens.get());
-  budget.run([&] { budget.reserve(PyFloat_AS_DOUBLE(tokens.get())); });
+  budget.run(tokens.get(), [&](double amount) { budget.reserve(amount); });
   return none();
 }
 
@@ -103,9 +102,8 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
   auto* object = reinterpret_cast<PyObject*>(&self);
   Owned share = new_share(state);
   HostBudget budget(state, self, Section::brief);
-  budget.set_tokens(tokens.get());
   if (budget.is_untouched()) {
-    budget.run([&] { budget.reserve(PyFloat_AS_DOUBLE(tokens.get())); });
+    budget.run(tokens.get(), [&](double amount) { budget.reserve(amount); });
   } else {
     call_method(object, state.name(Name::reserve), tokens.get());
   }
@@ -117,8 +115,7 @@ Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {Name::tokens}, 1, 0};
   const Owned tokens = tokens_or_0(sorted(state, parameters, arguments)[0]);
   HostBudget budget(state, self, Section::brief, Locking::must_go_on);
-  budget.set_tokens(tokens.get());
-  budget.run([&] { budget.release(PyFloat_AS_DOUBLE(tokens.get())); });
+  budget.run(tokens.get(), [&](double amount) { budget.release(amount); });
   return none();
 }
 
@@ -126,12 +123,12 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<2> parameters{"charge", {Name::result, Name::tokens}, 2, 1};
   const auto [result, reserved] = sorted(state, parameters, arguments);
   const Owned tokens = tokens_or_0(reserved);
-  const std::optional<double> amount =
-      reserved != nullptr ? std::optional(PyFloat_AS_DOUBLE(tokens.get())) : std::nullopt;
+  const bool is_reserved = reserved != nullptr;
   const HostReply paid(state, as_reply(result, "result"));
   HostBudget budget(state, self, Section::calls_python, Locking::must_go_on);
-  budget.set_tokens(tokens.get());
-  budget.run([&] { budget.charge(paid, amount); });
+  budget.run(tokens.get(), [&](double amount) {
+    budget.charge(paid, is_reserved ? std::optional(amount) : std::nullopt);
+  });
   return none();
 }
 
@@ -140,11 +137,11 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
 void give_back_tokens(State& state, PyObject* object, PyObject* tokens, PyObject* reply) {
   HostBudget budget(state, *reinterpret_cast<RunBudgetObject*>(object),
                     reply == Py_None ? Section::brief : Section::calls_python, Locking::must_go_on);
-  budget.set_tokens(tokens);
   if (budget.is_untouched()) {
     const HostReply paid(state, reply);
-    budget.run(
-        [&] { budget.give_back(PyFloat_AS_DOUBLE(tokens), reply == Py_None ? nullptr : &paid); });
+    budget.run(tokens, [&](double amount) {
+      budget.give_back(amount, reply == Py_None ? nullptr : &paid);
+    });
   } else if (reply == Py_None) {
     call_method(object, state.name(Name::release), tokens);
   } else {
