@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <cstdlib>
 #include <string_view>
 
 namespace decision_bounds::internal {
@@ -15,12 +14,6 @@ using Buffer = std::array<char, 352>;
 std::string_view not_finite(double value) {
   if (std::isnan(value)) return "nan";  // to_chars would show the sign of a NaN
   return value < 0 ? "-inf" : "inf";
-}
-
-std::string_view fixed_form(Buffer& buffer, double value, int decimals) {
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
-                                 std::chars_format::fixed, decimals);
-  return {buffer.data(), end.ptr};
 }
 
 }  // namespace
@@ -41,24 +34,24 @@ std::string shortest(double value) {
 std::string fixed(double value, int decimals) {
   if (!std::isfinite(value)) return std::string(not_finite(value));
   Buffer buffer;
-  return std::string(fixed_form(buffer, value, decimals));
+  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                 std::chars_format::fixed, decimals);
+  return {buffer.data(), end.ptr};
 }
 
 double micro_rounded(double value) {
-  if (std::abs(value) < 1e6) {
-    // The product is off by less than 1e-4, so away from a tie the nearest integer is the right
-    // one, and the quotient of two exact numbers is the nearest double.
-    const double micros = value * 1e6;
-    const double nearest = std::nearbyint(micros);
-    if (std::abs(micros - nearest) < 0.499) return nearest / 1e6;
-  }
-  constexpr double all_integers_from = 4503599627370496.0;  // 2^52: no fraction left to round
-  if (!(std::abs(value) < all_integers_from)) return value;
-  Buffer buffer;
-  const std::string_view text = fixed_form(buffer, value, 6);
-  double rounded = 0.0;
-  std::from_chars(text.data(), text.data() + text.size(), rounded);
-  return rounded;
+  // From 2^33 on doubles lie at least 1.9e-6 apart, so the nearest decimal reads back as `value`
+  // itself. Below, the product stays under 2^53: its nearest integer is exact, and the quotient of
+  // two exact integers is the double nearest to the decimal.
+  constexpr double all_decimals_from = 8589934592.0;
+  if (!(std::abs(value) < all_decimals_from)) return value;
+  const double micros = value * 1e6;
+  const double missed = std::fma(value, 1e6, -micros);  // what rounding the product took away
+  double nearest = std::nearbyint(micros);
+  const double above = micros - nearest;  // exact; nearbyint takes a tie to the even integer
+  if (above == 0.5 && missed > 0.0) nearest += 1.0;
+  if (above == -0.5 && missed < 0.0) nearest -= 1.0;
+  return nearest / 1e6;
 }
 
 }  // namespace decision_bounds::internal

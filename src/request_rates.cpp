@@ -6,7 +6,7 @@
 
 #include "charges.hpp"
 #include "decision_bounds/std_host.hpp"
-#include "request_rates_steps.hpp"
+#include "request_rates_rules.hpp"
 
 namespace decision_bounds {
 namespace {
@@ -48,38 +48,33 @@ class SetFeatures {
 
 }  // namespace
 
-class RequestRates::Steps final
-    : public internal::RequestRatesSteps<internal::Charges, SetFeatures> {
- public:
-  explicit Steps(std::unique_ptr<Lock> lock)
-      : RequestRatesSteps(*lock, cost_, tokens_), owned_(std::move(lock)) {}
+struct RequestRates::State {
+  explicit State(std::unique_ptr<Lock> own) : lock(std::move(own)) {}
 
+  std::unique_ptr<Lock> lock;
+  internal::Charges cost, tokens;
   FeatureSet features;
-
- private:
-  internal::Charges cost_;
-  internal::Charges tokens_;
-  std::unique_ptr<Lock> owned_;
+  internal::RequestRatesRules<internal::Charges, SetFeatures> rules{*lock, cost, tokens};
 };
 
 RequestRates::RequestRates(std::unique_ptr<Lock> lock)
-    : steps_(std::make_unique<Steps>(lock ? std::move(lock) : std::make_unique<StdLock>())) {}
+    : state_(std::make_unique<State>(lock ? std::move(lock) : std::make_unique<StdLock>())) {}
 
 RequestRates::~RequestRates() = default;
 
 double RequestRates::cost(std::int64_t size, std::string_view feature) {
-  SetFeatures features(steps_->features, Feature(feature));
-  return steps_->cost(size, features);
+  SetFeatures features(state_->features, Feature(feature));
+  return state_->rules.cost(size, features);
 }
 
 double RequestRates::tokens(std::int64_t size) {
-  SetFeatures features(steps_->features);
-  return steps_->tokens(size, features);
+  SetFeatures features(state_->features);
+  return state_->rules.tokens(size, features);
 }
 
 void RequestRates::learn(std::int64_t size, std::string_view feature, const PaidReply& reply) {
-  SetFeatures features(steps_->features, Feature(feature));
-  steps_->learn(size, features, reply);
+  SetFeatures features(state_->features, Feature(feature));
+  state_->rules.learn(size, features, reply);
 }
 
 }  // namespace decision_bounds

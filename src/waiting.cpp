@@ -6,18 +6,13 @@
 
 namespace decision_bounds::internal {
 
-void wait_for_room(Condition& changed, const std::function<bool()>& stopping,
-                   std::optional<double> deadline, const std::function<double()>& clock,
-                   double poll) {
+void wait_for_room(Condition& changed, const StopSignal& stopping,
+                   const std::optional<Deadline>& deadline, const std::function<double()>& poll) {
   if (stopping()) throw DecisionStopped(stopped_text);
-  double timeout = poll;
-  if (deadline && clock) {
-    const double left = *deadline - clock();
-    if (left <= 0.0) {
-      throw DecisionTimeout(
-          "the decision call ran out of its deadline while the calls in flight held the rest of "
-          "the daily cost cap");
-    }
+  double timeout = poll();
+  if (deadline && deadline->at && deadline->clock) {
+    const double left = *deadline->at - deadline->clock();
+    if (left <= 0.0) throw DecisionTimeout(deadline->passed);
     timeout = std::min(timeout, left);  // the poll where `left` is not a number
   }
   changed.wait_for(timeout);

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "decision_bounds/host.hpp"
+#include "decision_bounds/stop_signal.hpp"
 
 namespace decision_bounds::internal {
 
@@ -13,13 +14,20 @@ inline constexpr double poll_s = 0.1;
 
 inline constexpr const char* stopped_text = "the pass was asked to stop";
 
-/// One wait for room on `changed`, whose lock the caller holds: until a notify_all, for `poll`
-/// seconds at most, never past `deadline` on the scale of `clock` (both given, or no deadline is
-/// tested). Throws DecisionStopped when `stopping` says so, DecisionTimeout when no time is left,
-/// and whatever the two functions throw. The caller tests for room again after each return.
-void wait_for_room(Condition& changed, const std::function<bool()>& stopping,
-                   std::optional<double> deadline = std::nullopt,
-                   const std::function<double()>& clock = nullptr, double poll = poll_s)
-    DECISION_BOUNDS_REQUIRES(changed);
+/// When a call must have been admitted.
+struct Deadline {
+  std::optional<double> at;              ///< seconds on the scale of `clock`; none: no deadline
+  const std::function<double()>& clock;  ///< empty: no deadline is tested either
+  const char* passed;                    ///< the message of the DecisionTimeout
+};
+
+/// One wait for room on `changed`, whose lock the caller holds: until a notify_all, for `poll()`
+/// seconds at most, never past the deadline. Throws DecisionStopped when `stopping` says so,
+/// DecisionTimeout when no time is left, and whatever the functions throw; asks them in the order
+/// stopping, poll, clock. The caller tests for room again after each return.
+void wait_for_room(
+    Condition& changed, const StopSignal& stopping,
+    const std::optional<Deadline>& deadline = std::nullopt,
+    const std::function<double()>& poll = [] { return poll_s; }) DECISION_BOUNDS_REQUIRES(changed);
 
 }  // namespace decision_bounds::internal

@@ -13,11 +13,11 @@
 namespace decision_bounds {
 
 /// Today's UTC date as "YYYY-MM-DD". Called with the account's lock held at each reading of the
-/// day's spend; what it throws passes out.
+/// day's spend; what it throws propagates.
 using Today = std::function<std::string()>;
 /// What the paid calls since the UTC date that it is given cost, in US dollars. Called with the
 /// account's lock held, once for each change of day. A std::exception is logged, and the day begins
-/// at 0; whatever else it throws passes out, and the day does not begin. Its answer is used as it
+/// at 0; whatever else it throws propagates, and the day does not begin. Its answer is used as it
 /// is. Empty: there is no ledger, each day begins at 0.
 using Ledger = std::function<double(const std::string& day)>;
 /// The most that a call may cost, in US dollars; infinity when that is not known (such a call runs
@@ -32,7 +32,8 @@ using Clock = std::function<double()>;
 /// each blocks for the account's lock, and for the ledger when it begins a new day. The functions
 /// that it is given must not wait for another thread that uses the same account. They may use the
 /// account themselves; but the day begins when the ledger has answered, so a ledger that asks for
-/// the day's spend is asked again, and must see to it that this ends.
+/// the day's spend is asked again, and must see to it that this ends. A settlement happens before
+/// the admission that it makes room for, so the admitted call sees what the settling one wrote.
 class DailySpend {
  public:
   /// `cap`: US dollars that the paid calls of one day may cost; every call is refused where it is
@@ -55,17 +56,17 @@ class DailySpend {
   Share admit(const CostBound& bound, std::optional<double> deadline, const Clock& clock,
               const StopSignal& stopping);
   /// What the paid calls of today cost so far, in US dollars. Like every reading of the day's spend
-  /// it may begin a new day: it asks the ledger then, and passes out what `today` throws.
+  /// it may begin a new day: it asks the ledger then, and what `today` throws propagates.
   [[nodiscard]] double spent();
   /// Counts what an attempt cost that no share stands for: sent, and billed perhaps, but its reply
-  /// was never read; wakes every waiting call. Passes out what `today` and the reply's cost throw,
-  /// and counts nothing then. Only the cost is read, of a cached reply too, here and where a share
-  /// is settled.
+  /// was never read; wakes every waiting call. What `today` and the reply's cost throw propagates,
+  /// and nothing is counted then. Only the cost is read, of a cached reply too, here and where a
+  /// share is settled.
   void charge(const PaidReply& reply);
 
  private:
-  class Steps;
-  std::unique_ptr<Steps> steps_;
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace decision_bounds

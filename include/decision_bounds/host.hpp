@@ -40,8 +40,8 @@ class DECISION_BOUNDS_CAPABILITY("condition") Condition {
   virtual void unlock() DECISION_BOUNDS_RELEASE() = 0;
   /// Waits for a notify_all, at most `seconds` (above 0, finite). Requires the lock. Lets it go
   /// entirely for the wait, however often this thread holds it, and holds it as often again when it
-  /// returns. May wake early. After an error the lock may be gone: the implementation remembers
-  /// that, and the unlock that follows is harmless.
+  /// returns. May wake early. After an error the lock may be gone: the unlock that follows may then
+  /// throw, but must not let go what another thread holds.
   virtual void wait_for(double seconds) DECISION_BOUNDS_REQUIRES(this) = 0;
   /// Wakes every waiter. Requires the lock.
   virtual void notify_all() DECISION_BOUNDS_REQUIRES(this) = 0;
@@ -60,7 +60,7 @@ class Logger {
   virtual ~Logger() = default;
 
   /// Logs `format` (printf-style) with `arguments` at level warning. `error` is the error that the
-  /// library absorbed, or null. What it throws passes out of the operation that logged.
+  /// library absorbed, or null. What it throws propagates out of the operation that logged.
   virtual void warning(std::string_view format, std::span<const LogArgument> arguments,
                        std::exception_ptr error) = 0;
 };

@@ -5,7 +5,7 @@
 namespace decision_bounds {
 
 /// How a bound reads a reply of the decision endpoint. The client's own reply type implements it;
-/// the library only reads it, with a lock held, and passes out whatever a property throws. A
+/// the library only reads it, with a lock held; whatever a property throws propagates. A
 /// property may use the bound that reads it, but not the RequestRates that does: that lock is a
 /// plain one. Costs and counts are added up as they are, negative ones and NaN too. Where the
 /// library takes a `const PaidReply*`, nullptr means that the call was not paid: it ended in an

@@ -28,13 +28,13 @@ class RequestRates {
   [[nodiscard]] double tokens(std::int64_t size);
   /// Takes in the paid reply to a request of `size` bytes: from now on `feature` is known, and the
   /// reply's cost and input tokens raise the most per call and the most per byte where they are
-  /// above them (NaN never is). Does not look at `cached`. Passes out what reading the reply
-  /// throws; the steps before it stay done.
+  /// above them (NaN never is). Does not look at `cached`. What reading the reply throws
+  /// propagates; what was taken in before stays.
   void learn(std::int64_t size, std::string_view feature, const PaidReply& reply);
 
  private:
-  class Steps;
-  std::unique_ptr<Steps> steps_;
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace decision_bounds

@@ -49,7 +49,8 @@ std::string to_string(const RunSummary& summary);
 
 /// The bound of one batch pass: so many paid calls, so many input tokens, and a stop signal. Any
 /// thread may call any operation; all but stopping block for the budget's lock. Callers that wait
-/// for room are admitted in no set order.
+/// for room are admitted in no set order. A settlement happens before the admission that it makes
+/// room for, so the admitted call sees what the settling one wrote.
 class RunBudget {
  public:
   /// A new pass. Throws std::invalid_argument when `should_stop` is empty. Uses a StdCondition when
@@ -68,7 +69,7 @@ class RunBudget {
   /// call runs alone; a negative number makes room for others) and returns its share. Blocks while
   /// the calls in flight hold the rest of the tokens; sees a stop within 0.1 s. Throws
   /// DecisionStopped when the pass is stopping and DecisionBudgetExceeded when no call slot is free
-  /// or the settled calls used up the tokens, and passes out what the stop signal throws; then
+  /// or the settled calls used up the tokens; what the stop signal throws propagates; then
   /// nothing is held. Settle the share with paid replies only: a cached one counts as a cache hit
   /// and leaves the slot and the tokens held.
   Share hold(double tokens);
@@ -78,14 +79,12 @@ class RunBudget {
   /// every waiting call.
   void release(double tokens = 0.0);
   /// Counts the reply of a call that reserved `tokens`, gives back what it held, and wakes every
-  /// waiting call. A cached reply only counts as a cache hit. Whatever reading the reply throws
-  /// passes out after what the call held has been given back.
-  void charge(const PaidReply& reply, double tokens);
-  /// Counts a cache hit. A reply that is not cached counts as that of a call that reserved 0
-  /// tokens; one whose cached() throws changes nothing.
-  void charge(const PaidReply& reply);
+  /// waiting call. A cached reply only counts as a cache hit, and needs no tokens. What reading the
+  /// reply throws propagates after what the call held has been given back; but where cached() of a
+  /// reply throws, `tokens` of 0 may stand for no call, and nothing changes.
+  void charge(const PaidReply& reply, double tokens = 0.0);
 
-  /// What the stop signal says now; passes out what it throws. Takes no lock.
+  /// What the stop signal says now; what it throws propagates. Takes no lock.
   [[nodiscard]] bool stopping();
   /// Whether a new call would be refused for want of a slot or of tokens.
   [[nodiscard]] bool exhausted();
@@ -94,8 +93,8 @@ class RunBudget {
   [[nodiscard]] RunCounts counts();
 
  private:
-  class Steps;
-  std::unique_ptr<Steps> steps_;
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 }  // namespace decision_bounds

@@ -17,8 +17,8 @@ namespace decision_bounds {
 /// The bound must outlive the shares that it handed out. Several threads may settle one share: its
 /// action runs once, and settle blocks for the bound as its action does. Moving or destroying a
 /// share is not safe while another thread uses it; the share that was moved from holds nothing. The
-/// destructor may throw, which standard containers, smart pointers and std::optional do not allow:
-/// settle a share that is kept in one before it goes, or is replaced by emplace.
+/// destructor may throw, which standard containers, smart pointers, std::optional and a destructor
+/// that has a share as a local variable do not allow: settle such a share before it goes.
 class [[nodiscard]] Share {
  public:
   /// Gives the held amount back to the bound, counting the reply if there is one.
@@ -33,19 +33,21 @@ class [[nodiscard]] Share {
   Share& operator=(const Share&) = delete;  // would have to end the call that the target holds
   Share& operator=(Share&&) = delete;
 
-  /// Settles with none. Lets the action's error out, unless an error that came up since the share
-  /// was made is already ending the scope: then that one goes on. (A share made while one error was
-  /// passing, and left by a second, cannot be told from one left normally: settle it.)
+  /// Settles with none. The action's error propagates, unless an error is already under way on this
+  /// thread: then that one goes on and the action's is dropped, since an error out of a destructor
+  /// that runs while the stack is unwound would end the process.
   ~Share() noexcept(false);
 
   /// Runs the action with `reply`, unless it has run already; then does nothing. The share counts
-  /// as given back even when the action throws; the error passes out.
+  /// as given back even when the action throws; the error propagates.
   void settle(const PaidReply* reply);
 
  private:
+  /// Empties the share and hands out its action; an empty one where it was given back already.
+  GiveBack take() noexcept;
+
   GiveBack give_back_;
   std::atomic<bool> held_;
-  int errors_under_way_;  // when the scope began
 };
 
 }  // namespace decision_bounds

@@ -63,7 +63,7 @@ TEST_F(RunBudgetTest, ALastTokenIsRoomThoughDoublesDoNotTell) {
 TEST_F(RunBudgetTest, ACacheHitEndsNoCall) {
   budget->reserve(not_known);
   budget->charge(Reply({.cost = 9.0, .tokens = 9, .cached = true}), not_known);
-  EXPECT_THROW(budget->charge(Reply({.unreadable = "cached"})), Interrupt);
+  EXPECT_THROW(budget->charge(Reply({.unreadable = "cached"}), 0.0), Interrupt);
   EXPECT_EQ(to_string(budget->counts()),
             "RunBudget(max_calls=9, max_tokens=100, calls=0, input_tokens=0, cost=0.0, "
             "cache_hits=1, in_flight=1)");

@@ -22,22 +22,25 @@ decision_client.engines.__path__[:] = [str(FOLDER)]  # not one that was installe
 
 
 @pytest.fixture
-def fresh():
-    """A module of one test's own, whose types may be patched."""
-    spec = importlib.util.spec_from_file_location("a.decision_bounds", decision_bounds.__file__)
-    spec.loader.exec_module(module := importlib.util.module_from_spec(spec))
-    return module
+def import_fresh():
+    """Imports a module of one test's own, whose types may be patched."""
+
+    def import_it():
+        spec = importlib.util.spec_from_file_location("a.decision_bounds", decision_bounds.__file__)
+        spec.loader.exec_module(module := importlib.util.module_from_spec(spec))
+        return module
+
+    return import_it
+
+
+@pytest.fixture
+def fresh(import_fresh):
+    return import_fresh()
 
 
 @pytest.fixture(params=["budget", "spend"])
 def which(request):
     return request.param
-
-
-@pytest.fixture
-def switch_interval(before=sys.getswitchinterval()):
-    yield sys.setswitchinterval
-    sys.setswitchinterval(before)
 
 
 @pytest.fixture(params=["plain", "subclass", "other condition"])

@@ -3,40 +3,28 @@
 import gc
 import os
 import sys
-from unittest.mock import patch
+import warnings
+from itertools import product
 
 import decision_bounds as bounds
-import programs
-from support import (INFINITY, Kind, AcquiredCondition, Reply, admit, attempt, await_waiters, boom,
-                     in_thread)  # fmt: skip
+from hazards import callbacks_that_misbehave as callbacks
+from hazards import interpreters_of_their_own, objects_made_by_new_alone, rings_and_chains
+from support import INFINITY, Kind, admit, attempt, await_waiters, boom, in_thread
+from world import OPERATIONS, World
 
 WARM_UP, RUNS, WINDOWS = 3, 20, 6
-KINDS = [Kind(name) for name in ("plain", "subclass", "other condition")]
+KINDS = [Kind(name) for name in ("plain", "subclass", "other condition", "derived", "native")]
+warnings.simplefilter("always", ResourceWarning)  # of shares that are dropped
+warnings.showwarning = boom  # which the module does not let out
 
 
-def calls_from_admission_to_refusal():
-    for kind in KINDS:
-        rates = bounds.RequestRates()
-        for bound in (kind.budget(2, 500), kind.spend(1.0, ledger=lambda day: "0.25")):
-            for reply in (Reply(), None, Reply(cached=True)):
-                with admit(bound, min(rates.tokens(300), rates.cost(300, "a"))) as share:
-                    rates.learn(300, "a", Reply())
-                    action = share._give_back if reply is None else share.settle
-                    action(reply)
-            bound.charge(Reply())
-            assert isinstance(attempt(admit, bound), bounds.DecisionBudgetExceeded)
-        assert kind.budget().summary() and repr(bound) and kind.spend(ledger=boom).spent() == 0.0
-
-
-def arguments_that_are_refused():
-    for make in (bounds.RunBudget, bounds.DailySpend, bounds.Share, bounds._Held, bounds._Charges):
-        for arguments in (("x",) * 3, (1, 2, 3, 4, "x"), (2**70,), (1.5, boom, 5), (1,) * 11):
-            attempt(make, *arguments)
-            attempt(make, **dict.fromkeys(("amount", "unknown", "cap"), arguments))
+def operations():
+    for kind, operate in product(KINDS, OPERATIONS.values()):
+        attempt(operate, World(kind))
 
 
 def threads_that_wait():
-    for bound in [make() for kind in KINDS for make in (kind.budget, kind.spend)]:
+    for bound in [make() for kind in KINDS[:3] for make in (kind.budget, kind.spend)]:
         share = admit(bound, INFINITY)
         calls = [in_thread(admit, bound) for _ in range(3)]
         await_waiters(bound, 3)
@@ -45,14 +33,9 @@ def threads_that_wait():
             call.result(20).settle(None)
 
 
-def what_few_hosts_use():
-    budget, wait = bounds.RunBudget(9, 9, _changed=AcquiredCondition()), bounds._wait
-    budget.hold(INFINITY)._give_back = bounds._nothing  # it holds its room for good
-    budget.should_stop = iter((False, True)).__next__
-    with patch.object(bounds, "_wait", lambda *arguments: wait(*arguments)):
-        assert isinstance(attempt(budget.hold, 1.0), bounds.DecisionStopped)
-    assert not bounds.never() and bounds._nothing(None) is None
-    assert all(record().__reduce__() for record in (bounds._Held, bounds._Charges))
+def callbacks_that_misbehave():
+    for case, due in product(callbacks.CASES, (3, 9)):
+        callbacks.play(*case, due)
 
 
 def counts():
@@ -67,20 +50,21 @@ def growth(run, times):
     return [after - earlier for after, earlier in zip(counts(), before)]
 
 
-def is_flat(run):
+def is_flat(name, run):
     """Whether many runs add no more than one; the interpreter's caches may take a few windows."""
-    for _ in range(WARM_UP):
-        run()
-    windows = []
-    while len(windows) < WINDOWS and (not windows or any(windows[-1])):
+    growth(run, WARM_UP)
+    for _ in range(WINDOWS):
         once = growth(run, 1)
-        windows.append([many - one for many, one in zip(growth(run, 1 + RUNS), once)])
-    print(f"{run.__name__}: grows by {windows[-1]} in {RUNS} runs")
-    return not any(windows[-1])
+        grown = [many - one for many, one in zip(growth(run, 1 + RUNS), once)]
+        if not any(grown):
+            break
+    print(f"{name}: grows by {grown} in {RUNS} runs")
+    return not any(grown)
 
 
 if __name__ == "__main__":
-    scenarios = [calls_from_admission_to_refusal, arguments_that_are_refused, threads_that_wait,
-                 what_few_hosts_use, programs.objects_made_by_new_alone, programs.cycles_and_chains,
-                 programs.callables_that_misbehave, programs.interpreters_of_their_own]  # fmt: skip
-    sys.exit(not all(map(is_flat, scenarios)))  # up to the first that grows
+    bounds._POLL_S, sys.unraisablehook = 0.0001, bounds._nothing
+    named = {run.__name__: run for run in (operations, threads_that_wait, callbacks_that_misbehave)}
+    for hazard in (objects_made_by_new_alone, rings_and_chains, interpreters_of_their_own):
+        named[hazard.__name__] = hazard.main
+    sys.exit(not all(is_flat(*scenario) for scenario in named.items()))  # up to one that grows

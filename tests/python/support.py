@@ -2,12 +2,14 @@
 
 import threading
 import time
+from collections import deque
 from concurrent.futures import Future
 from dataclasses import dataclass
 
 import decision_bounds as bounds
 
 DAY, NEXT_DAY, INFINITY = "2024-05-01", "2024-05-02", float("inf")
+REAL_CONDITION = threading.Condition  # whatever a test puts in its place
 
 
 @dataclass
@@ -39,11 +41,20 @@ def attempt(call, *arguments, **keywords):
         return error
 
 
+def derived(base, *names):
+    """A subclass that has these methods in Python, where each only calls its base's."""
+    steps = [(name, getattr(base, name)) for name in names]
+    methods = {name: lambda *a, step=step: step(*a) for name, step in steps}
+    return type("Derived", (base,), methods)
+
+
 class OtherCondition:
-    """No more than a bound needs of a condition."""
+    """No more than a bound needs of a condition, and no __dict__."""
+
+    __slots__ = "inner", "wait", "notify_all"
 
     def __init__(self):
-        self.inner = threading.Condition()
+        self.inner = REAL_CONDITION()
         self.wait, self.notify_all = self.inner.wait, self.inner.notify_all
 
     def __enter__(self):
@@ -54,25 +65,37 @@ class OtherCondition:
 
 
 class NativeCondition(type(threading.RLock())):
-    """A lock, or a condition that nobody waits on: used by name, yet all its methods are in C."""
+    """A lock, or a condition that nobody waits on: a host's own, yet all its methods are in C."""
 
     wait, notify_all = time.sleep, [].clear
 
 
-class AcquiredCondition(NativeCondition):
-    __enter__ = _is_owned = property()  # none for a with block, nor one that says who holds it
+def with_waiters_in_python():
+    condition = threading.Condition()
+    condition._waiters = derived(deque, "__len__")()
+    return condition
 
 
 class Kind:
-    """Makes bounds that the module handles in C++ alone (plain), or by name."""
+    """Makes bounds that the module handles in C++ alone (plain), or by looking steps up."""
 
-    def __init__(self, name):
-        derived = type("Derived", (threading.Condition,), {})
-        conditions = {"other condition": OtherCondition, "derived condition": derived}
-        self.condition = conditions.get(name, threading.Condition)
-        self.types = [bounds.RunBudget, bounds.DailySpend]
+    CONDITIONS = {
+        "other condition": OtherCondition, "native": NativeCondition,
+        "waiters": with_waiters_in_python,
+        "derived": derived(REAL_CONDITION, "__enter__", "__exit__", "wait", "notify_all"),
+    }  # fmt: skip
+
+    def __init__(self, name="plain", module=bounds):
+        self.types = [module.RunBudget, module.DailySpend, module.RequestRates]
+        self.held, self.charges, self.lock = module._Held, module._Charges, threading.Lock
+        self.condition = self.CONDITIONS.get(name, threading.Condition)
         if name == "subclass":
-            self.types = [type("Derived", (base,), {}) for base in self.types]
+            self.types = [derived(base) for base in self.types]
+        if name in ("derived", "native"):
+            in_python = name == "derived"
+            self.held = derived(self.held, *("admits", "take", "give_back") * in_python)
+            self.charges = derived(self.charges, *("bound", "learn") * in_python)
+            self.lock = self.condition
 
     def budget(self, max_calls=10, max_tokens=10):
         return self.types[0](max_calls, max_tokens, _changed=self.condition())
@@ -112,6 +135,7 @@ def condition_of(bound):
 def is_held(lock):
     """Whether this thread holds a lock or condition (any thread: a lock that has no owner)."""
     lock = super(NativeCondition, lock) if isinstance(lock, NativeCondition) else lock
+    lock = getattr(lock, "inner", lock)
     return lock._is_owned() if hasattr(lock, "_is_owned") else lock.locked()
 
 

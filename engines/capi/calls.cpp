@@ -1,0 +1,56 @@
+#include "capi/calls.hpp"
+
+namespace decision_bounds::python {
+
+Owned get_if_there(PyObject* object, PyObject* name) {
+  try {
+    return get(object, name);
+  } catch (RaisedError& error) {
+    if (PyErr_GivenExceptionMatches(error.value(), PyExc_AttributeError) == 0) throw;
+    return {};
+  }
+}
+
+Owned entry_of(PyObject* dict, PyObject* name) {
+  PyObject* entry = entering([=] { return PyDict_GetItemWithError(dict, name); });
+  if (entry == nullptr && PyErr_Occurred() != nullptr) throw_raised();
+  return Owned::copy(entry);
+}
+
+Owned type_attribute(PyTypeObject* type, PyObject* name) {
+  const Owned bases = Owned::copy(type->tp_mro);
+  Owned found;
+  for (Py_ssize_t i = 0; !found && i < PyTuple_GET_SIZE(bases.get()); ++i) {
+    PyObject* base = PyTuple_GET_ITEM(bases.get(), i);
+    found = entry_of(type_dict(reinterpret_cast<PyTypeObject*>(base)), name);
+  }
+  return found;
+}
+
+Owned get_special(PyObject* object, PyObject* name) {
+  PyTypeObject* type = Py_TYPE(object);
+  Owned found = type_attribute(type, name);
+  const descrgetfunc bind = found ? Py_TYPE(found.get())->tp_descr_get : nullptr;
+  if (bind == nullptr) return found;
+  return checked([&] { return bind(found.get(), object, reinterpret_cast<PyObject*>(type)); });
+}
+
+PyMethodDef* definition_of(PyObject* method) noexcept {
+  if (PyCFunction_Check(method)) return reinterpret_cast<PyCFunctionObject*>(method)->m_ml;
+  if (Py_IS_TYPE(method, &PyMethodDescr_Type)) {
+    return reinterpret_cast<PyMethodDescrObject*>(method)->d_method;
+  }
+  return nullptr;
+}
+
+NativeMethod::NativeMethod(const PyMethodDef* definition) noexcept {
+  if (definition == nullptr) return;
+  if (definition->ml_flags == METH_NOARGS) {
+    plain_ = definition->ml_meth;
+  } else if (definition->ml_flags == (METH_VARARGS | METH_KEYWORDS)) {
+    keywords_ = reinterpret_cast<PyCFunctionWithKeywords>(
+        reinterpret_cast<void (*)()>(definition->ml_meth));
+  }
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,103 @@
+#pragma once
+
+// The attributes of an object that are fields of its C++ struct. One row of a type's table makes
+// the attribute, its conversion, the argument of __init__, and what the garbage collector sees of
+// it.
+
+#include <cstddef>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <type_traits>
+
+#include "capi/arguments.hpp"
+#include "capi/convert.hpp"
+
+namespace decision_bounds::python {
+
+/// How each object of the module begins. The interpreter allocates objects zeroed, not constructed:
+/// what zeros do not stand for is constructed in place by the type's own `create`.
+struct ObjectHead {
+  PyObject_HEAD
+  PyObject *dict, *weakrefs;
+  /// The fields that were deleted, a bit each. A number can be deleted, since tests that patch one
+  /// delete it before they put the old value back. Until then its attribute is missing, and the
+  /// operations go on with its last value.
+  std::uint32_t deleted;
+};
+
+enum class Kind { int64, real, boolean, text, object };
+
+template <class Value>
+constexpr Kind kind_of = std::is_same_v<Value, std::int64_t>  ? Kind::int64
+                         : std::is_same_v<Value, double>      ? Kind::real
+                         : std::is_same_v<Value, bool>        ? Kind::boolean
+                         : std::is_same_v<Value, std::string> ? Kind::text
+                                                              : Kind::object;
+
+struct Place {
+  Kind kind;
+  std::size_t offset;
+};
+
+/// Where a field lies in `Object`, and what it holds.
+#define DECISION_BOUNDS_PLACE(Object, member)                                     \
+  Place {                                                                         \
+    kind_of<std::remove_reference_t<decltype((std::declval<Object&>().member))>>, \
+        offsetof(Object, member)                                                  \
+  }
+
+/// Raises unless an object may be put into a field; `shown` names the field in the error.
+using Check = void (*)(PyObject* value, const char* shown);
+/// Makes what a field of a new object holds where no argument says.
+using Initial = Owned (*)(PyObject* module);
+
+struct Field {
+  const char* name;  ///< of the attribute; null: none, only the garbage collector sees the field
+  Place place;
+  const char* parameter = nullptr;  ///< of __init__; null: it takes none for this field
+  bool required = false;
+  Check check = nullptr;      ///< of objects; null: any may be put there
+  Initial initial = nullptr;  ///< of objects; numbers begin with 0, texts empty
+
+  template <class Value>
+  [[nodiscard]] Value& in(PyObject* self) const noexcept {
+    return *reinterpret_cast<Value*>(reinterpret_cast<char*>(self) + place.offset);
+  }
+};
+
+using Fields = std::span<const Field>;
+
+/// The row of an object that a new object makes itself where no argument says.
+constexpr Field object_field(const char* name, Place place, Check check, Initial initial,
+                             const char* parameter = nullptr) noexcept {
+  return {name, place, parameter, false, check, initial};
+}
+
+/// The row of an attribute table for a field that has a name.
+PyGetSetDef attribute_of(const Field& field) noexcept;
+
+/// __init__: converts all arguments and makes all that is missing, and only then changes the
+/// object, so that a failure changes nothing and a second __init__ works.
+void initialise(PyObject* self, PyObject* module, const char* function, Fields fields,
+                const Arguments& arguments);
+
+/// __reduce__ of a record: its type, its arguments, and the attributes of its own.
+Owned reduce(PyObject* self, Fields fields);
+
+/// Raises AttributeError for a field that was never set, or deleted.
+[[noreturn]] void raise_unset(PyObject* self, const char* name);
+
+/// `object` (borrowed), or the AttributeError where it was never set.
+inline PyObject* set_or_raise(PyObject* object, PyObject* self, const char* name) {
+  if (object == nullptr) raise_unset(self, name);
+  return object;
+}
+
+void check_callable(PyObject* value, const char* shown);
+void check_callable_or_none(PyObject* value, const char* shown);
+/// Raises TypeError unless `value`, which is to be `kind`, has these methods.
+void check_methods(PyObject* value, const char* shown, const char* kind,
+                   std::initializer_list<const char*> methods);
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,135 @@
+#pragma once
+
+// The types of the module: the slots that all have, written once.
+
+#include <memory>
+#include <vector>
+
+#include "capi/fields.hpp"
+
+namespace decision_bounds::python {
+
+/// Visits and empties what an object refers to: its fields that are objects, and its __dict__.
+int traverse_fields(PyObject* self, Fields fields, visitproc visit, void* arg);
+void clear_fields(PyObject* self, Fields fields) noexcept;
+
+template <class Object>
+int traverse_slot(PyObject* self, visitproc visit, void* arg) {
+  return traverse_fields(self, Object::fields, visit, arg);
+}
+
+template <class Object>
+int clear_slot(PyObject* self) {
+  clear_fields(self, Object::fields);
+  return 0;
+}
+
+template <class Object>
+void dealloc_slot(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  // Also runs a __del__ that a host has set on the type, which may keep the object alive.
+  if (type->tp_finalize != nullptr &&
+      entering([=] { return PyObject_CallFinalizerFromDealloc(self); }) < 0) {
+    return;
+  }
+  PyObject_GC_UnTrack(self);
+  // Objects that hold each other in a long chain would take a stack frame each; the trashcan lets
+  // them go one after the other.
+  Py_TRASHCAN_BEGIN(self, dealloc_slot<Object>);
+  if (reinterpret_cast<ObjectHead*>(self)->weakrefs != nullptr) {
+    entering([=] { PyObject_ClearWeakRefs(self); });
+  }
+  clear_fields(self, Object::fields);
+  std::destroy_at(reinterpret_cast<Object*>(self));
+  type->tp_free(self);
+  // An object holds its type; the type goes last, for it says how the memory is freed.
+  drop(reinterpret_cast<PyObject*>(type));
+  Py_TRASHCAN_END
+}
+
+template <class Function>
+void* slot(Function* function) noexcept {
+  return reinterpret_cast<void*>(reinterpret_cast<void (*)()>(function));
+}
+
+/// What distinguishes one type from the others; null where it has none.
+struct TypeParts {
+  const char* name;  ///< "decision_bounds.Name"
+  const char* doc;   ///< begins with the signature, where text can say it
+  PyMethodDef* methods;
+  initproc init;
+  PyGetSetDef extra = {};  ///< an attribute that is no field
+  newfunc create = PyType_GenericNew;
+  destructor finalize = nullptr;
+  reprfunc repr = nullptr;        ///< records have a printed form
+  richcmpfunc compare = nullptr;  ///< and are equal by field, so not hashable
+};
+
+/// The attribute table of a type, for the life of the process.
+template <class Object>
+PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
+  static auto& rows = *new std::vector<PyGetSetDef>;  // not destroyed: threads may outlive main
+  if (!rows.empty()) return rows.data();              // another interpreter's import made it
+  for (const Field& field : Object::fields) {
+    if (field.name != nullptr) rows.push_back(attribute_of(field));
+  }
+  rows.push_back({"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr});
+  rows.push_back(extra);
+  rows.push_back({});
+  return rows.data();
+}
+
+/// Where the interpreter finds an object's __dict__ and its weak references.
+PyMemberDef* offset_members() noexcept;
+
+/// A new heap type of `module`, whose full name it takes for its __module__.
+PyTypeObject* make_type(PyObject* module, PyType_Spec& spec);
+
+template <class Object>
+PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
+  static_assert(std::is_standard_layout_v<Object> && offsetof(Object, head) == 0);
+  std::vector<PyType_Slot> slots = {{Py_tp_doc, const_cast<char*>(parts.doc)},
+                                    {Py_tp_new, slot(parts.create)},
+                                    {Py_tp_init, slot(parts.init)},
+                                    {Py_tp_traverse, slot(traverse_slot<Object>)},
+                                    {Py_tp_clear, slot(clear_slot<Object>)},
+                                    {Py_tp_dealloc, slot(dealloc_slot<Object>)},
+                                    {Py_tp_methods, parts.methods},
+                                    {Py_tp_getset, attributes_of<Object>(parts.extra)},
+                                    {Py_tp_members, offset_members()}};
+  if (parts.finalize != nullptr) slots.push_back({Py_tp_finalize, slot(parts.finalize)});
+  if (parts.repr != nullptr) {
+    slots.push_back({Py_tp_repr, slot(parts.repr)});
+    slots.push_back({Py_tp_richcompare, slot(parts.compare)});
+    slots.push_back({Py_tp_hash, slot(PyObject_HashNotImplemented)});
+  }
+  slots.push_back({0, nullptr});
+  PyType_Spec spec = {parts.name, sizeof(Object), 0,
+                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots.data()};
+  return make_type(module, spec);
+}
+
+/// The name by which an object's printed form calls it.
+std::string type_name(PyObject* object);
+
+/// "Name(field=value, ...)" of a record that has a to_string.
+template <class Object, auto Record>
+PyObject* repr_slot(PyObject* self) {
+  return guarded<PyObject*>(nullptr, [self] {
+    const auto& record = reinterpret_cast<Object*>(self)->*Record;
+    return to_python(to_string(record, type_name(self))).release();
+  });
+}
+
+/// Records are equal when they are of the same type and equal by field; they have no order.
+template <class Object, auto Record>
+PyObject* compare_slot(PyObject* self, PyObject* other, int operation) {
+  if ((operation != Py_EQ && operation != Py_NE) || Py_TYPE(self) != Py_TYPE(other)) {
+    Py_RETURN_NOTIMPLEMENTED;
+  }
+  const bool equal =
+      reinterpret_cast<Object*>(self)->*Record == reinterpret_cast<Object*>(other)->*Record;
+  return to_bool(equal == (operation == Py_EQ)).release();
+}
+
+}  // namespace decision_bounds::python

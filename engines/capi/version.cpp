@@ -1,0 +1,32 @@
+#include "capi/version.hpp"
+
+#include <unistd.h>
+
+namespace decision_bounds::python {
+
+PyObject* take_raised() noexcept {
+  PyObject* type = nullptr;
+  PyObject* value = nullptr;
+  PyObject* traceback = nullptr;
+  PyErr_Fetch(&type, &value, &traceback);
+  entering([&] {
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr) PyException_SetTraceback(value, traceback);
+    Py_XDECREF(type);
+    Py_XDECREF(traceback);
+  });
+  return value;
+}
+
+void set_raised(PyObject* exception) noexcept {
+  entering([exception] {
+    auto* type = reinterpret_cast<PyObject*>(Py_TYPE(exception));
+    PyErr_Restore(Py_NewRef(type), exception, PyException_GetTraceback(exception));
+  });
+}
+
+void park_dying_thread() noexcept {
+  for (;;) pause();
+}
+
+}  // namespace decision_bounds::python

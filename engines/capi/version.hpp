@@ -1,0 +1,89 @@
+#pragma once
+
+// All that depends on the version of the interpreter, or on its insides. Nothing else in the module
+// reads a private or unstable field, tests PY_VERSION_HEX, or knows what an interpreter gets wrong.
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <cstdint>
+#include <type_traits>
+
+namespace decision_bounds::python {
+
+// ---- versions of attributes ----
+
+/// Tells one state of a type's attributes, its bases' included, from every other; 0: not to be
+/// told. The interpreter takes a tag away with each change, and gives a new one as it next looks an
+/// attribute up.
+inline unsigned int type_version(PyTypeObject* type) noexcept {
+  return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
+}
+
+/// Tells one state of a dict from every other state of any dict.
+inline std::uint64_t dict_version(PyObject* dict) noexcept {
+  return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+}
+
+/// The attributes of the type itself, borrowed.
+inline PyObject* type_dict(PyTypeObject* type) noexcept { return type->tp_dict; }
+
+/// The object's __dict__, a new reference; null with an error set. CPython 3.11 makes the dict as
+/// it is first asked for. If the garbage collector runs just then and asks too, there are two dicts
+/// over the same values, which are freed twice; so it is kept out.
+inline PyObject* instance_dict(PyObject* object) noexcept {
+  const bool collects = PyGC_Disable() != 0;
+  PyObject* dict = PyObject_GenericGetDict(object, nullptr);
+  if (collects) PyGC_Enable();
+  return dict;
+}
+
+// ---- the error indicator ----
+
+/// Takes the exception out of the error indicator: a new reference, with its traceback.
+PyObject* take_raised() noexcept;
+/// Puts an exception into the error indicator; steals the reference.
+void set_raised(PyObject* exception) noexcept;
+
+// ---- the end of the interpreter ----
+
+/// Stops this thread for good; it ends with the process.
+[[noreturn]] void park_dying_thread() noexcept;
+
+/// Parks the thread when it is unwound through the guard's scope. Up to CPython 3.13, a thread that
+/// wants the interpreter's lock back while the interpreter finalises is ended by pthread_exit. That
+/// unwinds its stack, and would run C++ destructors on a thread that must not touch Python any
+/// more; where an exception is being handled already, it would end the process. Later versions park
+/// such threads themselves.
+class ParkIfUnwound {
+ public:
+  ParkIfUnwound() = default;
+  ParkIfUnwound(const ParkIfUnwound&) = delete;
+  ParkIfUnwound& operator=(const ParkIfUnwound&) = delete;
+  ~ParkIfUnwound() {
+    if (armed_) park_dying_thread();
+  }
+
+  void dismiss() noexcept { armed_ = false; }
+
+ private:
+  bool armed_ = true;
+};
+
+/// Runs `call`, which may run Python code (and so let the interpreter's lock go) and throws
+/// nothing. Every such call of the module goes through here. One that does not is a crash that
+/// shows up only when a program with daemon threads ends.
+template <class Call>
+auto entering(Call call) -> decltype(call()) {
+  ParkIfUnwound guard;
+  if constexpr (std::is_void_v<decltype(call())>) {
+    call();
+    guard.dismiss();
+  } else {
+    const auto result = call();
+    guard.dismiss();
+    return result;
+  }
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,77 @@
+#include "host/condition.hpp"
+
+#include "capi/convert.hpp"
+
+namespace decision_bounds::python {
+const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
+  if (Py_TYPE(condition) != state_.condition.type || is_patched(state_.condition)) return nullptr;
+  // Asked for each time: a host may replace the whole __dict__. What makes it allocates, so the
+  // garbage collector could run; instance_dict() keeps it out.
+  const Owned dict = checked([=] { return instance_dict(condition); });
+  const std::uint64_t version = dict_version(dict.get());
+  if (parts_.version == version) return &parts_;
+  PyObject* lock = entry_of(dict.get(), state_.name(Name::_lock)).get();
+  PyObject* waiters = entry_of(dict.get(), state_.name(Name::_waiters)).get();
+  const bool is_spied = entry_of(dict.get(), state_.name(Name::notify)) ||
+                        entry_of(dict.get(), state_.name(Name::notify_all));
+  const bool is_deque = waiters != nullptr &&
+                        reinterpret_cast<PyObject*>(Py_TYPE(waiters)) == state_[Kept::deque_type];
+  parts_ = {.version = version,
+            .lock = lock != nullptr && state_.native_lock(lock) != nullptr ? lock : nullptr,
+            .waiters = is_deque && !is_spied ? waiters : nullptr};
+  return &parts_;
+}
+
+void PythonCondition::lock() {
+  const auto enter = [this] {
+    // From copies: while the lock is waited for, other threads and signal handlers run, and may
+    // replace the attribute or the condition's own lock.
+    condition_ = Owned::copy(set_or_raise(field_, self_, name_));
+    const ConditionParts* parts = parts_of(condition_.get());
+    taken_.take(state_,
+                parts != nullptr && parts->lock != nullptr ? parts->lock : condition_.get());
+  };
+  try {
+    deferred_.insist(enter);
+  } catch (RaisedError&) {
+    if (!deferred_.must_go_on()) throw;
+    deferred_.keep();
+  }
+}
+
+void PythonCondition::unlock() {
+  try {
+    taken_.let_go();
+  } catch (RaisedInterrupt&) {
+    deferred_.keep();  // the guard drops it where an error is on its way already
+    throw;
+  }
+}
+
+void PythonCondition::wait_for(double seconds) {
+  const Owned timeout = to_python(seconds);
+  call_method(condition_.get(), state_.name(Name::wait), timeout.get());
+}
+
+void PythonCondition::notify_all() {
+  if (!taken_.is_held()) return;  // it went on without the lock; waiters look again by themselves
+  const auto wake = [this] {
+    const ConditionParts* parts = parts_of(condition_.get());
+    const bool nobody_waits =
+        parts != nullptr && parts->waiters != nullptr && PyObject_Size(parts->waiters) == 0;
+    if (!nobody_waits) call_method(condition_.get(), state_.name(Name::notify_all));
+  };
+  try {
+    deferred_.insist(wake);
+  } catch (RaisedError&) {
+    if (deferred_.must_go_on()) deferred_.insist(wake);  // some may not have been woken yet
+    throw;
+  }
+}
+
+void check_condition(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a condition variable",
+                {"__enter__", "__exit__", "wait", "notify_all"});
+}
+
+}  // namespace decision_bounds::python

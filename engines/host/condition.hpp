@@ -1,0 +1,60 @@
+#pragma once
+
+#include "host/deferred.hpp"
+#include "host/locks.hpp"
+
+namespace decision_bounds::python {
+
+/// What a threading.Condition is made of, as its __dict__ had it at one version. A bound keeps that
+/// beside the attribute, so that as long as the version is the same nothing is looked up. The dict
+/// holds what is named here, and only what is found at its present version is used.
+struct ConditionParts {
+  std::uint64_t version;
+  PyObject* lock;     // borrowed; null: not one of the interpreter's own
+  PyObject* waiters;  // borrowed, a deque; null: notify_all must be called
+};
+
+/// The condition variable of a bound. A threading.Condition that nobody has patched is used through
+/// its lock's C functions, and its notify_all is called only where somebody waits; any other is
+/// used as a `with` block would. Between lock() and unlock() no Python code runs but what the rules
+/// call by their virtual functions, and what the host's own condition runs.
+class PythonCondition final : public Condition {
+ public:
+  /// `field`: the attribute of `self` that holds the condition; `parts`: what is known of it.
+  PythonCondition(State& state, PyObject* self, PyObject*& field, const char* name,
+                  ConditionParts& parts, Deferred& deferred)
+      : state_(state),
+        self_(self),
+        field_(field),
+        name_(name),
+        parts_(parts),
+        deferred_(deferred) {}
+
+  void lock() override;
+  void unlock() override;
+  void wait_for(double seconds) override;
+  void notify_all() override;
+
+  /// For a caller that has locked `condition` itself.
+  void adopt(PyObject* condition) { condition_ = Owned::copy(condition); }
+  /// The condition that this operation locked: the attribute may be replaced at any time.
+  [[nodiscard]] PyObject* object() const noexcept { return condition_.get(); }
+
+ private:
+  /// What `condition` is made of, where it is a threading.Condition that nobody has patched.
+  const ConditionParts* parts_of(PyObject* condition);
+
+  State& state_;
+  PyObject* self_;
+  PyObject*& field_;
+  const char* name_;
+  ConditionParts& parts_;
+  Deferred& deferred_;
+  Owned condition_;
+  TakenLock taken_;
+};
+
+/// Raises TypeError unless `value` can be the condition of a bound.
+void check_condition(PyObject* value, const char* shown);
+
+}  // namespace decision_bounds::python

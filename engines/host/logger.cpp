@@ -1,0 +1,48 @@
+#include "host/logger.hpp"
+
+#include <string>
+#include <vector>
+
+#include "capi/convert.hpp"
+
+namespace decision_bounds::python {
+namespace {
+
+/// The absorbed error as a Python exception.
+Owned python_error(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (RaisedError& raised) {
+    return Owned::copy(raised.value());
+  } catch (const std::exception& other) {
+    return call(PyExc_RuntimeError, to_python(std::string(other.what())).get());
+  }
+}
+
+Owned python_argument(const LogArgument& argument) {
+  if (const auto* number = std::get_if<double>(&argument)) return to_python(*number);
+  return to_python(std::string(std::get<std::string_view>(argument)));
+}
+
+}  // namespace
+
+void PythonLogger::warning(std::string_view format, std::span<const LogArgument> arguments,
+                           std::exception_ptr error) {
+  const Owned logger = global(state_, Name::logger, state_[Kept::logger]);
+  std::vector<Owned> objects;
+  objects.push_back(to_python(std::string(format)));
+  for (const LogArgument& argument : arguments) objects.push_back(python_argument(argument));
+  Owned keyword;
+  if (error) {
+    objects.push_back(python_error(error));
+    keyword = checked([this] { return PyTuple_Pack(1, state_.name(Name::exc_info)); });
+  }
+  std::vector<PyObject*> all{logger.get()};
+  for (const Owned& object : objects) all.push_back(object.get());
+  checked([&] {
+    return PyObject_VectorcallMethod(state_.name(Name::warning), all.data(),
+                                     all.size() - (keyword ? 1 : 0), keyword.get());
+  });
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,65 @@
+#include "host/records.hpp"
+
+namespace decision_bounds::python {
+
+bool PythonHeld::admits(double share, double used, double limit) {
+  const Owned held = object();
+  const Owned step = this->step(held, Name::admits);
+  if (!step) return record_of(held)->admits(share, used, limit);
+  return truth(
+      call(step.get(), as_object(share).get(), to_python(used).get(), to_python(limit).get()));
+}
+
+void PythonHeld::take(double share) {
+  const Owned held = object();
+  internal::Held* record = record_of(held);
+  const Owned step = this->step(held, Name::take);
+  if (!step) return record->take(share);
+  const std::int64_t holders = record != nullptr ? record->holders : 0;
+  try {
+    call(step.get(), as_object(share).get());
+  } catch (Raised&) {
+    if (record != nullptr && record->holders > holders) record->give_back(share);
+    throw;
+  }
+}
+
+void PythonHeld::give_back(double share) {
+  const Owned held = object();
+  internal::Held* record = record_of(held);
+  const Owned step = this->step(held, Name::give_back);
+  if (!step) return record->give_back(share);
+  const std::int64_t holders = record != nullptr ? record->holders : 0;
+  bool called = false;
+  const auto give = [&] {
+    if (called && (record == nullptr || record->holders < holders)) return;
+    called = true;
+    call(step.get(), as_object(share).get());
+  };
+  deferred_.insist([&] {
+    Deferred whole(Locking::must_go_on);  // also in an operation that may be refused its lock
+    whole.run([&] { whole.insist(give); });
+  });
+}
+
+double PythonCharges::bound(std::int64_t size) const {
+  const Owned step = this->step(Name::bound);
+  if (!step) return record_in<ChargesObject>(object_, state_.charges)->bound(size);
+  return as_double(call(step.get(), to_python(size).get()).get(), "bound()");
+}
+
+void PythonCharges::learn(std::int64_t size, double charge) {
+  const Owned step = this->step(Name::learn);
+  if (!step) return record_in<ChargesObject>(object_, state_.charges)->learn(size, charge);
+  call(step.get(), to_python(size).get(), to_python(charge).get());
+}
+
+void check_held(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Held", {"admits", "take", "give_back"});
+}
+
+void check_charges(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Charges", {"bound", "learn"});
+}
+
+}  // namespace decision_bounds::python

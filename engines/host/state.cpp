@@ -1,0 +1,59 @@
+#include "host/state.hpp"
+
+#include <string_view>
+
+#include "capi/convert.hpp"
+#include "decision_bounds/errors.hpp"
+#include "waiting.hpp"
+
+namespace decision_bounds::python {
+
+void NativeLock::remember(const Owned& lock, const char* name) {
+  PyTypeObject* found = Py_TYPE(lock.get());
+  // No type written in Python is immutable, so none can pass for the interpreter's own.
+  if (std::string_view(found->tp_name) != name ||
+      !PyType_HasFeature(found, Py_TPFLAGS_IMMUTABLETYPE)) {
+    return;
+  }
+  const auto method = [&](const char* of) {
+    PyObject* entry = PyDict_GetItemString(type_dict(found), of);
+    return entry != nullptr ? NativeMethod(definition_of(entry)) : NativeMethod();
+  };
+  acquire = method("acquire");
+  release = method("release");
+  locked = method("locked");
+  is_owned = method("_is_owned");
+  if (acquire && release) type = reinterpret_cast<PyTypeObject*>(Py_NewRef(found));
+}
+
+void LibraryErrors::set(const std::exception& error) const noexcept {
+  PyObject* type = PyExc_RuntimeError;
+  if (state != nullptr && dynamic_cast<const DecisionBudgetExceeded*>(&error) != nullptr) {
+    type = (*state)[Kept::budget_exceeded];
+  } else if (state != nullptr && dynamic_cast<const DecisionStopped*>(&error) != nullptr) {
+    type = (*state)[Kept::stopped];
+  } else if (state != nullptr && dynamic_cast<const DecisionTimeout*>(&error) != nullptr) {
+    type = (*state)[Kept::timeout];
+  }
+  entering([&] { PyErr_SetString(type, error.what()); });
+}
+
+State& state_of(PyObject* object) {
+  PyObject* module = PyType_GetModuleByDef(Py_TYPE(object), &module_definition);
+  if (module == nullptr) throw_raised();
+  return alive(module_state(module));
+}
+
+Owned global(const State& state, Name name, PyObject* fallback) {
+  PyObject* value = entering(
+      [&] { return PyDict_GetItemWithError(PyModule_GetDict(state.module), state.name(name)); });
+  if (value == nullptr && PyErr_Occurred() != nullptr) throw_raised();
+  return Owned::copy(value == nullptr || value == Py_None ? fallback : value);
+}
+
+double poll_seconds(const State& state) {
+  const Owned fallback = to_python(internal::poll_s);
+  return as_double(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
+}
+
+}  // namespace decision_bounds::python

@@ -1,0 +1,72 @@
+#pragma once
+
+// What RunBudget and DailySpend have in common.
+
+#include "host/condition.hpp"
+#include "host/records.hpp"
+#include "waiting.hpp"
+
+namespace decision_bounds::python {
+
+/// The parts of one operation on a bound. They refer to the attributes of the object, and take
+/// copies as they use them: a host may replace an attribute at any time, even within the call.
+class BoundOperation {
+ public:
+  /// Runs the `operation` on `amount` (a float object, borrowed), whose value it gets; then raises
+  /// what had to be deferred.
+  template <class Operation>
+  void run(PyObject* amount, Operation operation) {
+    amounts_.set_amount(amount);
+    deferred_.run([&] { operation(PyFloat_AS_DOUBLE(amount)); });
+  }
+
+ protected:
+  /// An attribute of the object.
+  struct Attribute {
+    PyObject*& field;
+    const char* name;
+  };
+
+  BoundOperation(State& state, ObjectHead& self, KnownType& known, Locking locking,
+                 Attribute changed, ConditionParts& parts, Attribute held)
+      : state_(state),
+        self_(reinterpret_cast<PyObject*>(&self)),
+        known_(known),
+        deferred_(locking),
+        condition_(state, self_, changed.field, changed.name, parts, deferred_),
+        amounts_(state, self_, held.field, held.name, deferred_) {}
+
+  /// What the host has put in the place of the step `name`; null for the module's own.
+  [[nodiscard]] Owned override_of(Name name) const {
+    return python::override_of(self_, known_, state_.name(name));
+  }
+  /// The `_wait` that the host has put into the module; null for the module's own.
+  [[nodiscard]] Owned replaced_wait() const {
+    Owned wait = global(state_, Name::_wait, state_[Kept::wait]);
+    return wait.get() == state_[Kept::wait] ? Owned() : std::move(wait);
+  }
+  /// One wait of the module's own.
+  void wait_for_room(const StopSignal& stopping,
+                     const std::optional<internal::Deadline>& deadline = std::nullopt)
+      DECISION_BOUNDS_REQUIRES(condition_) {
+    internal::wait_for_room(condition_, stopping, deadline,
+                            [this] { return poll_seconds(state_); });
+  }
+
+  State& state_;
+  PyObject* self_;
+  KnownType& known_;
+  Deferred deferred_;
+  PythonCondition condition_;
+  PythonHeld amounts_;
+};
+
+inline Owned new_condition(PyObject* module) {
+  return call(module_state(module)[Kept::new_condition]);
+}
+
+inline Owned new_held(PyObject* module) {
+  return call(reinterpret_cast<PyObject*>(module_state(module).held.type));
+}
+
+}  // namespace decision_bounds::python

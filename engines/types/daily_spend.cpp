@@ -1,0 +1,168 @@
+#include "types/daily_spend.hpp"
+
+#include <functional>
+#include <new>
+
+#include "docs.hpp"
+#include "types/method.hpp"
+#include "types/share.hpp"
+
+namespace decision_bounds::python {
+namespace {
+
+constexpr Field spend_fields[] = {
+    {"_cap", DECISION_BOUNDS_PLACE(DailySpendObject, account.cap), "cap", true},
+    {"_today", DECISION_BOUNDS_PLACE(DailySpendObject, today), "today", true, check_callable},
+    {"_ledger", DECISION_BOUNDS_PLACE(DailySpendObject, ledger), "ledger", true,
+     check_callable_or_none},
+    object_field("_changed", DECISION_BOUNDS_PLACE(DailySpendObject, changed), check_condition,
+                 new_condition),
+    object_field("_held", DECISION_BOUNDS_PLACE(DailySpendObject, held), check_held, new_held),
+    {"_day", DECISION_BOUNDS_PLACE(DailySpendObject, account.day)},
+    {"_cost", DECISION_BOUNDS_PLACE(DailySpendObject, account.cost)},
+    {"_capped", DECISION_BOUNDS_PLACE(DailySpendObject, account.capped)}};
+
+PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+  PyObject* self = entering([=] { return type->tp_alloc(type, 0); });
+  if (self != nullptr) {
+    new (&reinterpret_cast<DailySpendObject*>(self)->account) internal::DailyAccount();
+  }
+  return self;
+}
+
+// ---- the share of a day ----
+
+void end_call(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
+  SpendOperation operation(state, *reinterpret_cast<DailySpendObject*>(spend), Locking::must_go_on);
+  const PythonReply paid(state, reply);
+  operation.run(held, [&](double amount) {
+    operation.give_back(amount, reply == Py_None ? nullptr : &paid);
+  });
+}
+
+/// The module's own _give_back, whatever the account has by now: it had that when it admitted the
+/// call.
+Owned give_back_object(State& state, PyObject* spend, PyObject* held) {
+  PyObject* own = PyDict_GetItem(state.daily_spend.entries, state.name(Name::_give_back));
+  const Owned bound = checked([&] {
+    return Py_TYPE(own)->tp_descr_get(own, spend, reinterpret_cast<PyObject*>(Py_TYPE(spend)));
+  });
+  return call(state[Kept::partial], bound.get(), held);
+}
+
+const GiveBack gives_dollars_back{end_call, give_back_object};
+
+}  // namespace
+
+void SpendOperation::wait(std::optional<double> deadline, const Clock& clock,
+                          const StopSignal& stopping) {
+  const Owned wait = replaced_wait();
+  if (!wait) {
+    wait_for_room(stopping, internal::Deadline{deadline, clock, internal::deadline_text});
+    return;
+  }
+  const Owned keywords = checked(
+      [this] { return PyTuple_Pack(2, state_.name(Name::deadline), state_.name(Name::clock)); });
+  PyObject* all[] = {condition_.object(), waiting_.stopping, waiting_.deadline, waiting_.clock};
+  checked([&] { return PyObject_Vectorcall(wait.get(), all, 2, keywords.get()); });
+}
+
+/// An overridden _give_back is bound as the call is admitted: later it may be another.
+void SpendOperation::prepare_share(double) {
+  action_ = Owned();
+  if (const Owned step = override_of(Name::_give_back)) {
+    action_ = call(state_[Kept::partial], step.get(), most_.get());
+  }
+}
+
+Owned SpendOperation::admit(PyObject* bound, const Waiting& waiting) {
+  waiting_ = waiting;
+  std::optional<double> deadline;
+  if (waiting.deadline != Py_None) deadline = as_double(waiting.deadline, "deadline");
+  Owned share = new_share(state_);
+  const auto most = [this, bound] {
+    most_ = as_float(call(bound).get(), "bound()");
+    amounts_.set_amount(most_.get());
+    return PyFloat_AS_DOUBLE(most_.get());
+  };
+  deferred_.run([&] {
+    DailySpendRules::admit(
+        std::ref(most), deadline,
+        [clock = waiting.clock] { return as_double(call(clock).get(), "clock()"); },
+        [stopping = waiting.stopping] { return truth(call(stopping)); });
+  });
+  if (action_) {
+    arm(share, calls_target, action_.get(), {});
+  } else {
+    arm(share, gives_dollars_back, self_, std::move(most_));
+  }
+  return share;
+}
+
+namespace {
+
+// ---- the methods ----
+
+Owned spent(State& state, DailySpendObject& self, const Arguments& arguments) {
+  take_none("spent", arguments);
+  return to_python(SpendOperation(state, self).spent());
+}
+
+Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<4> parameters{"admit", {"bound", "deadline", "clock", "stopping"}, 1};
+  const auto [bound, deadline, clock, stopping] = parameters.sorted(arguments);
+  as_callable(bound, "bound");
+  as_callable(clock, "clock");
+  as_callable(stopping, "stopping");
+  return SpendOperation(state, self).admit(bound, {deadline, clock, stopping});
+}
+
+Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"charge", {"reply"}};
+  PyObject* reply = as_reply(parameters.sorted(arguments)[0], "reply");
+  SpendOperation(state, self).charge(PythonReply(state, reply));
+  return none();
+}
+
+Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments) {
+  constexpr Parameters<2> parameters{"_give_back", {"held", "reply"}};
+  const auto [held, reply] = parameters.sorted(arguments);
+  const Owned dollars = as_float(held, "held");
+  end_call(state, reinterpret_cast<PyObject*>(&self), dollars.get(), reply);
+  return none();
+}
+
+Owned today_locked(State& state, DailySpendObject& self,
+                   const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
+  take_none("_today_locked", arguments);
+  return to_python(SpendOperation(state, self).DailySpendRules::today_locked());
+}
+
+Owned spent_since(State& state, DailySpendObject& self,
+                  const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
+  constexpr Parameters<1> parameters{"_spent_since", {"day"}};
+  const std::string day = as_string(parameters.sorted(arguments)[0], "day");
+  return to_python(SpendOperation(state, self).DailySpendRules::spent_since(day));
+}
+
+PyMethodDef methods[] = {method<spent>("spent", doc::DailySpend_spent),
+                         method<admit>("admit", doc::DailySpend_admit),
+                         method<charge>("charge", doc::DailySpend_charge),
+                         method<give_back>("_give_back", doc::DailySpend__give_back),
+                         method<today_locked>("_today_locked", doc::DailySpend__today_locked),
+                         method<spent_since>("_spent_since", doc::DailySpend__spent_since),
+                         {}};
+
+}  // namespace
+
+constinit const Fields DailySpendObject::fields = spend_fields;
+
+PyTypeObject* make_daily_spend_type(PyObject* module) {
+  return make_type<DailySpendObject>(module, {.name = "decision_bounds.DailySpend",
+                                              .doc = doc::DailySpend,
+                                              .methods = methods,
+                                              .init = init_slot<DailySpendObject>,
+                                              .create = create});
+}
+
+}  // namespace decision_bounds::python

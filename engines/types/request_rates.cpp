@@ -1,0 +1,138 @@
+#include "docs.hpp"
+#include "host/locks.hpp"
+#include "host/records.hpp"
+#include "host/reply.hpp"
+#include "request_rates_rules.hpp"
+#include "types/method.hpp"
+
+namespace decision_bounds::python {
+namespace {
+
+struct RequestRatesObject {
+  ObjectHead head;
+  PyObject *lock, *cost, *tokens, *features;
+  static constexpr const char* name = "RequestRates";
+  static const Fields fields;
+};
+
+void check_set(PyObject* value, const char* shown) {
+  if (!PySet_Check(value)) {
+    raise(PyExc_TypeError, "%s must be a set, not %.200s", shown, Py_TYPE(value)->tp_name);
+  }
+}
+
+Owned new_lock(PyObject* module) { return call(module_state(module)[Kept::new_lock]); }
+
+Owned new_charges(PyObject* module) {
+  return call(reinterpret_cast<PyObject*>(module_state(module).charges.type));
+}
+
+Owned new_features(PyObject*) {
+  return checked([] { return PySet_New(nullptr); });
+}
+
+constexpr Field rates_fields[] = {
+    object_field("_lock", DECISION_BOUNDS_PLACE(RequestRatesObject, lock), check_lock, new_lock),
+    object_field("_cost", DECISION_BOUNDS_PLACE(RequestRatesObject, cost), check_charges,
+                 new_charges),
+    object_field("_tokens", DECISION_BOUNDS_PLACE(RequestRatesObject, tokens), check_charges,
+                 new_charges),
+    object_field("_features", DECISION_BOUNDS_PLACE(RequestRatesObject, features), check_set,
+                 new_features)};
+
+/// The set of features, and the one that an operation is about. A set may hold what a host has put
+/// there: to look a feature up may call the `__eq__` of an object with the same hash.
+class PythonFeatures {
+ public:
+  explicit PythonFeatures(PyObject* features, PyObject* feature = nullptr)
+      : features_(Owned::copy(features)), feature_(feature) {}
+
+  [[nodiscard]] bool empty() const { return PySet_GET_SIZE(features_.get()) == 0; }
+  [[nodiscard]] bool known() const {
+    return checked_count([this] { return PySet_Contains(features_.get(), feature_); }) != 0;
+  }
+  void add() {
+    checked_count([this] { return PySet_Add(features_.get(), feature_); });
+  }
+
+ private:
+  Owned features_;
+  PyObject* feature_;
+};
+
+/// One operation on a RequestRates. It keeps the objects that its attributes held as it began.
+class RatesOperation {
+ public:
+  RatesOperation(State& state, RequestRatesObject& self, PyObject* feature, bool brief)
+      : features(in(self, self.features, "_features"), feature),
+        cost_(state, in(self, self.cost, "_cost")),
+        tokens_(state, in(self, self.tokens, "_tokens")),
+        lock(state, in(self, self.lock, "_lock"),
+             brief && cost_.is_native() && tokens_.is_native()) {}
+
+  PythonFeatures features;
+
+ private:
+  static PyObject* in(RequestRatesObject& self, PyObject* field, const char* name) {
+    return set_or_raise(field, reinterpret_cast<PyObject*>(&self), name);
+  }
+
+  PythonCharges cost_, tokens_;
+
+ public:
+  PythonLock lock;
+  internal::RequestRatesRules<PythonCharges, PythonFeatures> rules{lock, cost_, tokens_};
+};
+
+/// Features are told apart as exact strings, whatever a subclass of str says of equality.
+Owned as_feature(PyObject* feature) {
+  if (!PyUnicode_Check(feature)) {
+    raise(PyExc_TypeError, "feature must be a str, not %.200s", Py_TYPE(feature)->tp_name);
+  }
+  return checked([=] { return PyUnicode_FromObject(feature); });
+}
+
+Owned cost(State& state, RequestRatesObject& self, const Arguments& arguments) {
+  constexpr Parameters<2> parameters{"cost", {"size", "feature"}};
+  const auto [size, feature] = parameters.sorted(arguments);
+  const std::int64_t bytes = as_int64(size, "size");
+  const Owned text = as_feature(feature);
+  RatesOperation rates(state, self, text.get(), true);
+  return to_python(rates.lock.reading([&] { return rates.rules.cost(bytes, rates.features); }));
+}
+
+Owned tokens(State& state, RequestRatesObject& self, const Arguments& arguments) {
+  constexpr Parameters<1> parameters{"tokens", {"size"}};
+  const std::int64_t bytes = as_int64(parameters.sorted(arguments)[0], "size");
+  RatesOperation rates(state, self, nullptr, true);
+  return to_python(rates.lock.reading([&] { return rates.rules.tokens(bytes, rates.features); }));
+}
+
+Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) {
+  constexpr Parameters<3> parameters{"learn", {"size", "feature", "reply"}};
+  const auto [size, feature, reply] = parameters.sorted(arguments);
+  const std::int64_t bytes = as_int64(size, "size");
+  const Owned text = as_feature(feature);
+  const PythonReply paid(state, as_reply(reply, "reply"));
+  RatesOperation rates(state, self, text.get(), false);
+  rates.rules.learn(bytes, rates.features, paid);
+  return none();
+}
+
+PyMethodDef methods[] = {method<cost>("cost", doc::RequestRates_cost),
+                         method<tokens>("tokens", doc::RequestRates_tokens),
+                         method<learn>("learn", doc::RequestRates_learn),
+                         {}};
+
+constinit const Fields RequestRatesObject::fields = rates_fields;
+
+}  // namespace
+
+PyTypeObject* make_request_rates_type(PyObject* module) {
+  return make_type<RequestRatesObject>(module, {.name = "decision_bounds.RequestRates",
+                                                .doc = doc::RequestRates,
+                                                .methods = methods,
+                                                .init = init_slot<RequestRatesObject>});
+}
+
+}  // namespace decision_bounds::python

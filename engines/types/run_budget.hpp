@@ -1,0 +1,116 @@
+#pragma once
+
+#include "host/reply.hpp"
+#include "run_budget_rules.hpp"
+#include "types/bound.hpp"
+
+namespace decision_bounds::python {
+
+struct RunBudgetObject {
+  ObjectHead head;
+  RunCounts counts;
+  PyObject *should_stop, *held_tokens, *changed;
+  ConditionParts changed_parts;
+  static constexpr const char* name = "RunBudget";
+  static const Fields fields;
+};
+
+inline bool should_stop(const State& state, const RunBudgetObject& self) {
+  auto* object = const_cast<PyObject*>(reinterpret_cast<const PyObject*>(&self));
+  PyObject* field = set_or_raise(self.should_stop, object, "should_stop");
+  if (field == state[Kept::never]) return false;
+  const Owned signal = Owned::copy(field);  // it may replace itself while it runs
+  return truth(call(signal.get()));
+}
+
+/// The counts are read before the dict is made: that may start the garbage collector, and so any
+/// Python code.
+inline Owned as_dict(const State& state, const RunCounts& counts) {
+  const RunSummary summary = summary_of(counts);
+  Owned dict = checked([] { return PyDict_New(); });
+  for (std::size_t i = 0; i < summary.size(); ++i) {
+    const Owned value = std::visit([](auto number) { return to_python(number); }, summary[i].value);
+    checked_count([&] { return PyDict_SetItem(dict.get(), state.summary_keys[i], value.get()); });
+  }
+  return dict;
+}
+
+/// One operation on a RunBudget.
+class BudgetOperation final : public BoundOperation, public internal::RunBudgetRules {
+ public:
+  BudgetOperation(State& state, RunBudgetObject& self, Locking locking = Locking::may_fail)
+      : BoundOperation(state, self.head, state.run_budget, locking, {self.changed, "_changed"},
+                       self.changed_parts, {self.held_tokens, "_held_tokens"}),
+        RunBudgetRules(self.counts, amounts_, condition_),
+        object_(self) {}
+
+  bool stopping() override {
+    if (const Owned step = override_of(Name::stopping)) return truth(call(step.get()));
+    return should_stop(state_, object_);
+  }
+
+  bool exhausted_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
+    if (const Owned step = override_of(Name::_exhausted_locked)) return truth(call(step.get()));
+    return RunBudgetRules::exhausted_locked();
+  }
+
+  std::string printed_summary_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
+    const Owned step = override_of(Name::_summary_locked);
+    if (!step) return RunBudgetRules::printed_summary_locked();
+    const Owned summary = call(step.get());
+    return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
+  }
+
+  void wait() override DECISION_BOUNDS_NO_ANALYSIS {
+    if (const Owned wait = replaced_wait()) {
+      const Owned signal = get(self_, state_.name(Name::stopping));
+      call(wait.get(), condition_.object(), signal.get());
+      return;
+    }
+    wait_for_room([this] { return stopping(); });
+  }
+
+  Owned summary() {
+    return locked([this] {
+      if (const Owned step = override_of(Name::_summary_locked)) return call(step.get());
+      return as_dict(state_, object_.counts);
+    });
+  }
+
+  /// The admission of hold().
+  void admit(PyObject* tokens) {
+    if (const Owned step = override_of(Name::reserve)) {
+      call(step.get(), tokens);
+    } else {
+      run(tokens, [this](double amount) { reserve(amount); });
+    }
+  }
+
+  /// The give-back of a share. What a host has put in the place of release or charge is the host's
+  /// own from there on: what it leaves undone stays held.
+  void end(PyObject* tokens, PyObject* reply) {
+    const PythonReply paid(state_, reply);
+    run(tokens, [&](double amount) { give_back(amount, reply == Py_None ? nullptr : &paid); });
+  }
+
+ private:
+  void end_unpaid(double tokens) override {
+    if (const Owned step = override_of(Name::release)) {
+      call(step.get(), amounts_.amount());
+    } else {
+      RunBudgetRules::end_unpaid(tokens);
+    }
+  }
+
+  void end_paid(const PaidReply& reply, double tokens) override {
+    if (const Owned step = override_of(Name::charge)) {
+      call(step.get(), static_cast<const PythonReply&>(reply).object(), amounts_.amount());
+    } else {
+      RunBudgetRules::end_paid(reply, tokens);
+    }
+  }
+
+  RunBudgetObject& object_;
+};
+
+}  // namespace decision_bounds::python
