@@ -13,7 +13,6 @@ namespace decision_bounds::python {
 Owned to_python(double value);
 Owned to_python(std::int64_t value);
 Owned to_python(const std::string& value);
-inline Owned to_python(bool value) { return to_bool(value); }
 
 /// TypeError for what is no real number, OverflowError for an integer too large for a float.
 double as_double(PyObject* value, const char* what);

@@ -26,6 +26,12 @@ struct ObjectHead {
   std::uint32_t deleted;
 };
 
+/// The Python object of one of the module's structs.
+template <class Object>
+PyObject* object_of(Object& self) noexcept {
+  return reinterpret_cast<PyObject*>(&self);
+}
+
 enum class Kind { int64, real, boolean, text, object };
 
 template <class Value>
@@ -41,6 +47,7 @@ struct Place {
 };
 
 /// Where a field lies in `Object`, and what it holds.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member cannot stand in parentheses
 #define DECISION_BOUNDS_PLACE(Object, member)                                     \
   Place {                                                                         \
     kind_of<std::remove_reference_t<decltype((std::declval<Object&>().member))>>, \
@@ -93,6 +100,16 @@ inline PyObject* set_or_raise(PyObject* object, PyObject* self, const char* name
   if (object == nullptr) raise_unset(self, name);
   return object;
 }
+
+/// An attribute of `self` as an operation uses it: a host may replace it at any time, so each use
+/// takes a copy.
+struct Attribute {
+  PyObject* self;
+  PyObject*& field;
+  const char* name;
+
+  [[nodiscard]] Owned get() const { return Owned::copy(set_or_raise(field, self, name)); }
+};
 
 void check_callable(PyObject* value, const char* shown);
 void check_callable_or_none(PyObject* value, const char* shown);

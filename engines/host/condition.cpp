@@ -3,6 +3,7 @@
 #include "capi/convert.hpp"
 
 namespace decision_bounds::python {
+
 const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
   if (Py_TYPE(condition) != state_.condition.type || is_patched(state_.condition)) return nullptr;
   // Asked for each time: a host may replace the whole __dict__. What makes it allocates, so the
@@ -26,7 +27,7 @@ void PythonCondition::lock() {
   const auto enter = [this] {
     // From copies: while the lock is waited for, other threads and signal handlers run, and may
     // replace the attribute or the condition's own lock.
-    condition_ = Owned::copy(set_or_raise(field_, self_, name_));
+    condition_ = attribute_.get();
     const ConditionParts* parts = parts_of(condition_.get());
     taken_.take(state_,
                 parts != nullptr && parts->lock != nullptr ? parts->lock : condition_.get());

@@ -20,15 +20,9 @@ struct ConditionParts {
 /// call by their virtual functions, and what the host's own condition runs.
 class PythonCondition final : public Condition {
  public:
-  /// `field`: the attribute of `self` that holds the condition; `parts`: what is known of it.
-  PythonCondition(State& state, PyObject* self, PyObject*& field, const char* name,
-                  ConditionParts& parts, Deferred& deferred)
-      : state_(state),
-        self_(self),
-        field_(field),
-        name_(name),
-        parts_(parts),
-        deferred_(deferred) {}
+  /// `parts`: what is known of the condition in the attribute.
+  PythonCondition(State& state, Attribute attribute, ConditionParts& parts, Deferred& deferred)
+      : state_(state), attribute_(attribute), parts_(parts), deferred_(deferred) {}
 
   void lock() override;
   void unlock() override;
@@ -45,9 +39,7 @@ class PythonCondition final : public Condition {
   const ConditionParts* parts_of(PyObject* condition);
 
   State& state_;
-  PyObject* self_;
-  PyObject*& field_;
-  const char* name_;
+  Attribute attribute_;
   ConditionParts& parts_;
   Deferred& deferred_;
   Owned condition_;

@@ -10,26 +10,20 @@ void TakenLock::take(const State& state, PyObject* lock) {
   Owned taken = Owned::copy(lock);
   if (native_ != nullptr) {
     native_->acquire(lock, state[Kept::no_arguments]);
-    lock_ = std::move(taken);
-    return;
+  } else {
+    enter(lock);
   }
   lock_ = std::move(taken);
-  try {
-    enter();
-  } catch (...) {
-    lock_ = Owned();
-    throw;
-  }
 }
 
-void TakenLock::enter() {
-  const Owned enter = get_special(lock_.get(), state_->name(Name::__enter__));
-  exit_ = get_special(lock_.get(), state_->name(Name::__exit__));
+void TakenLock::enter(PyObject* lock) {
+  const Owned enter = get_special(lock, state_->name(Name::__enter__));
+  exit_ = get_special(lock, state_->name(Name::__exit__));
   if (!enter || !exit_) {
     raise(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
-          Py_TYPE(lock_.get())->tp_name);
+          Py_TYPE(lock)->tp_name);
   }
-  is_owned_ = get_if_there(lock_.get(), state_->name(Name::_is_owned));
+  is_owned_ = get_if_there(lock, state_->name(Name::_is_owned));
   const bool can_tell = is_owned_ && PyCFunction_Check(is_owned_.get()) &&
                         state_->reentrant_lock.is_owned.is(definition_of(is_owned_.get()));
   // Where this thread holds it already, that says nothing about what happens now.

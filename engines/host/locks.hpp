@@ -25,7 +25,7 @@ class TakenLock {
   [[nodiscard]] bool is_held() const noexcept { return static_cast<bool>(lock_); }
 
  private:
-  void enter();
+  void enter(PyObject* lock);
   void leave();
   /// Whether the lock says that this thread holds it.
   [[nodiscard]] bool says_owned() const;
@@ -42,8 +42,8 @@ class PythonLock final : public Lock {
  public:
   /// `brief`: the operation runs no Python code while it holds the lock. Then the interpreter's own
   /// lock keeps it whole, and a _thread.lock that nobody holds need not be taken.
-  PythonLock(const State& state, PyObject* lock, bool brief)
-      : state_(state), lock_(Owned::copy(lock)), brief_(brief) {}
+  PythonLock(const State& state, Owned lock, bool brief)
+      : state_(state), lock_(std::move(lock)), brief_(brief) {}
 
   void lock() override;
   void unlock() override { taken_.let_go(); }

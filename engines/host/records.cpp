@@ -3,7 +3,7 @@
 namespace decision_bounds::python {
 
 bool PythonHeld::admits(double share, double used, double limit) {
-  const Owned held = object();
+  const Owned held = attribute_.get();
   const Owned step = this->step(held, Name::admits);
   if (!step) return record_of(held)->admits(share, used, limit);
   return truth(
@@ -11,7 +11,7 @@ bool PythonHeld::admits(double share, double used, double limit) {
 }
 
 void PythonHeld::take(double share) {
-  const Owned held = object();
+  const Owned held = attribute_.get();
   internal::Held* record = record_of(held);
   const Owned step = this->step(held, Name::take);
   if (!step) return record->take(share);
@@ -25,7 +25,7 @@ void PythonHeld::take(double share) {
 }
 
 void PythonHeld::give_back(double share) {
-  const Owned held = object();
+  const Owned held = attribute_.get();
   internal::Held* record = record_of(held);
   const Owned step = this->step(held, Name::give_back);
   if (!step) return record->give_back(share);

@@ -50,9 +50,8 @@ Owned step_of(const State& state, const Owned& object, KnownType& known, Name na
 /// again. An object without such a record must see to interrupts itself.
 class PythonHeld final : public internal::HeldAmounts {
  public:
-  /// `field`: the attribute `name` of `self`.
-  PythonHeld(State& state, PyObject* self, PyObject*& field, const char* name, Deferred& deferred)
-      : state_(state), self_(self), field_(field), name_(name), deferred_(deferred) {}
+  PythonHeld(State& state, Attribute attribute, Deferred& deferred)
+      : state_(state), attribute_(attribute), deferred_(deferred) {}
 
   /// The amount that the operation is about, as a float object (borrowed), so that none need be
   /// made where making it could fail.
@@ -64,8 +63,6 @@ class PythonHeld final : public internal::HeldAmounts {
   void give_back(double share) override;
 
  private:
-  /// A copy of the attribute: a step may replace it.
-  [[nodiscard]] Owned object() const { return Owned::copy(set_or_raise(field_, self_, name_)); }
   [[nodiscard]] Owned as_object(double share) const {
     return amount_ != nullptr ? Owned::copy(amount_) : to_python(share);
   }
@@ -77,9 +74,7 @@ class PythonHeld final : public internal::HeldAmounts {
   }
 
   State& state_;
-  PyObject* self_;
-  PyObject*& field_;
-  const char* name_;
+  Attribute attribute_;
   Deferred& deferred_;
   PyObject* amount_ = nullptr;
 };
@@ -87,7 +82,7 @@ class PythonHeld final : public internal::HeldAmounts {
 /// The maxima in an attribute of a RequestRates, for one operation.
 class PythonCharges {
  public:
-  PythonCharges(State& state, PyObject* object) : state_(state), object_(Owned::copy(object)) {}
+  PythonCharges(State& state, Owned object) : state_(state), object_(std::move(object)) {}
 
   /// Whether its steps run no Python code.
   [[nodiscard]] bool is_native() const { return is_untouched(object_.get(), state_.charges); }

@@ -21,20 +21,14 @@ class BoundOperation {
   }
 
  protected:
-  /// An attribute of the object.
-  struct Attribute {
-    PyObject*& field;
-    const char* name;
-  };
-
-  BoundOperation(State& state, ObjectHead& self, KnownType& known, Locking locking,
-                 Attribute changed, ConditionParts& parts, Attribute held)
+  BoundOperation(State& state, KnownType& known, Locking locking, Attribute changed,
+                 ConditionParts& parts, Attribute held)
       : state_(state),
-        self_(reinterpret_cast<PyObject*>(&self)),
+        self_(changed.self),
         known_(known),
         deferred_(locking),
-        condition_(state, self_, changed.field, changed.name, parts, deferred_),
-        amounts_(state, self_, held.field, held.name, deferred_) {}
+        condition_(state, changed, parts, deferred_),
+        amounts_(state, held, deferred_) {}
 
   /// What the host has put in the place of the step `name`; null for the module's own.
   [[nodiscard]] Owned override_of(Name name) const {

@@ -128,7 +128,7 @@ Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments
   constexpr Parameters<2> parameters{"_give_back", {"held", "reply"}};
   const auto [held, reply] = parameters.sorted(arguments);
   const Owned dollars = as_float(held, "held");
-  end_call(state, reinterpret_cast<PyObject*>(&self), dollars.get(), reply);
+  end_call(state, object_of(self), dollars.get(), reply);
   return none();
 }
 
@@ -148,9 +148,9 @@ Owned spent_since(State& state, DailySpendObject& self,
 PyMethodDef methods[] = {method<spent>("spent", doc::DailySpend_spent),
                          method<admit>("admit", doc::DailySpend_admit),
                          method<charge>("charge", doc::DailySpend_charge),
-                         method<give_back>("_give_back", doc::DailySpend__give_back),
-                         method<today_locked>("_today_locked", doc::DailySpend__today_locked),
-                         method<spent_since>("_spent_since", doc::DailySpend__spent_since),
+                         method<give_back>("_give_back", doc::DailySpend_give_back),
+                         method<today_locked>("_today_locked", doc::DailySpend_today_locked),
+                         method<spent_since>("_spent_since", doc::DailySpend_spent_since),
                          {}};
 
 }  // namespace

@@ -25,8 +25,9 @@ struct Waiting {
 class SpendOperation final : public BoundOperation, public internal::DailySpendRules {
  public:
   SpendOperation(State& state, DailySpendObject& self, Locking locking = Locking::may_fail)
-      : BoundOperation(state, self.head, state.daily_spend, locking, {self.changed, "_changed"},
-                       self.changed_parts, {self.held, "_held"}),
+      : BoundOperation(state, state.daily_spend, locking,
+                       {object_of(self), self.changed, "_changed"}, self.changed_parts,
+                       {object_of(self), self.held, "_held"}),
         DailySpendRules(self.account, amounts_, condition_),
         object_(self),
         logger_(state) {}

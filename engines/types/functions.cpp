@@ -51,7 +51,7 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
   PyObject* field = nullptr;
   ConditionParts parts{};
   Deferred deferred(Locking::may_fail);
-  PythonCondition condition(state, nullptr, field, "changed", parts, deferred);
+  PythonCondition condition(state, {nullptr, field, "changed"}, parts, deferred);
   condition.adopt(changed);
   internal::wait_for_room(
       condition, [callable = stopping] { return truth(call(callable)); },
@@ -63,7 +63,7 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
 }  // namespace
 
 PyMethodDef never_function = {"never", never_entry, METH_NOARGS, doc::never};
-PyMethodDef nothing_function = function<nothing>("_nothing", doc::_nothing);
-PyMethodDef wait_function = function<wait>("_wait", doc::_wait);
+PyMethodDef nothing_function = function<nothing>("_nothing", doc::nothing);
+PyMethodDef wait_function = function<wait>("_wait", doc::wait);
 
 }  // namespace decision_bounds::python

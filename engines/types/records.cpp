@@ -55,16 +55,16 @@ Owned learn(State&, ChargesObject& self, const Arguments& arguments) {
 template <class Object>
 Owned reduced(State&, Object& self, const Arguments& arguments) {
   take_none("__reduce__", arguments);
-  return reduce(reinterpret_cast<PyObject*>(&self), Object::fields);
+  return reduce(object_of(self), Object::fields);
 }
 
-PyMethodDef held_methods[] = {method<admits>("admits", doc::_Held_admits),
-                              method<take>("take", doc::_Held_take),
-                              method<give_back>("give_back", doc::_Held_give_back),
+PyMethodDef held_methods[] = {method<admits>("admits", doc::Held_admits),
+                              method<take>("take", doc::Held_take),
+                              method<give_back>("give_back", doc::Held_give_back),
                               method<reduced<HeldObject>>("__reduce__", nullptr),
                               {}};
-PyMethodDef charges_methods[] = {method<bound>("bound", doc::_Charges_bound),
-                                 method<learn>("learn", doc::_Charges_learn),
+PyMethodDef charges_methods[] = {method<bound>("bound", doc::Charges_bound),
+                                 method<learn>("learn", doc::Charges_learn),
                                  method<reduced<ChargesObject>>("__reduce__", nullptr),
                                  {}};
 
@@ -75,7 +75,7 @@ constinit const Fields ChargesObject::fields = charges_fields;
 
 PyTypeObject* make_held_type(PyObject* module) {
   return make_type<HeldObject>(module, {.name = "decision_bounds._Held",
-                                        .doc = doc::_Held,
+                                        .doc = doc::Held,
                                         .methods = held_methods,
                                         .init = init_slot<HeldObject>,
                                         .repr = repr_slot<HeldObject, &HeldObject::record>,
@@ -85,7 +85,7 @@ PyTypeObject* make_held_type(PyObject* module) {
 PyTypeObject* make_charges_type(PyObject* module) {
   return make_type<ChargesObject>(module,
                                   {.name = "decision_bounds._Charges",
-                                   .doc = doc::_Charges,
+                                   .doc = doc::Charges,
                                    .methods = charges_methods,
                                    .init = init_slot<ChargesObject>,
                                    .repr = repr_slot<ChargesObject, &ChargesObject::record>,

@@ -44,8 +44,8 @@ constexpr Field rates_fields[] = {
 /// there: to look a feature up may call the `__eq__` of an object with the same hash.
 class PythonFeatures {
  public:
-  explicit PythonFeatures(PyObject* features, PyObject* feature = nullptr)
-      : features_(Owned::copy(features)), feature_(feature) {}
+  PythonFeatures(Owned features, PyObject* feature)
+      : features_(std::move(features)), feature_(feature) {}
 
   [[nodiscard]] bool empty() const { return PySet_GET_SIZE(features_.get()) == 0; }
   [[nodiscard]] bool known() const {
@@ -64,19 +64,15 @@ class PythonFeatures {
 class RatesOperation {
  public:
   RatesOperation(State& state, RequestRatesObject& self, PyObject* feature, bool brief)
-      : features(in(self, self.features, "_features"), feature),
-        cost_(state, in(self, self.cost, "_cost")),
-        tokens_(state, in(self, self.tokens, "_tokens")),
-        lock(state, in(self, self.lock, "_lock"),
+      : features(Attribute{object_of(self), self.features, "_features"}.get(), feature),
+        cost_(state, Attribute{object_of(self), self.cost, "_cost"}.get()),
+        tokens_(state, Attribute{object_of(self), self.tokens, "_tokens"}.get()),
+        lock(state, Attribute{object_of(self), self.lock, "_lock"}.get(),
              brief && cost_.is_native() && tokens_.is_native()) {}
 
   PythonFeatures features;
 
  private:
-  static PyObject* in(RequestRatesObject& self, PyObject* field, const char* name) {
-    return set_or_raise(field, reinterpret_cast<PyObject*>(&self), name);
-  }
-
   PythonCharges cost_, tokens_;
 
  public:

@@ -103,7 +103,7 @@ Owned hold(State& state, RunBudgetObject& self, const Arguments& arguments) {
   Owned tokens = as_float(parameters.sorted(arguments)[0], "tokens");
   Owned share = new_share(state);
   BudgetOperation(state, self).admit(tokens.get());
-  arm(share, gives_tokens_back, reinterpret_cast<PyObject*>(&self), std::move(tokens));
+  arm(share, gives_tokens_back, object_of(self), std::move(tokens));
   return share;
 }
 
@@ -130,9 +130,9 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
 PyMethodDef methods[] = {
     method<stopping>("stopping", doc::RunBudget_stopping),
     method<exhausted>("exhausted", doc::RunBudget_exhausted),
-    method<exhausted_locked>("_exhausted_locked", doc::RunBudget__exhausted_locked),
+    method<exhausted_locked>("_exhausted_locked", doc::RunBudget_exhausted_locked),
     method<summary>("summary", doc::RunBudget_summary),
-    method<summary_locked>("_summary_locked", doc::RunBudget__summary_locked),
+    method<summary_locked>("_summary_locked", doc::RunBudget_summary_locked),
     method<reserve>("reserve", doc::RunBudget_reserve),
     method<hold>("hold", doc::RunBudget_hold),
     method<release>("release", doc::RunBudget_release),

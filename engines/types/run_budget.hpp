@@ -39,8 +39,9 @@ inline Owned as_dict(const State& state, const RunCounts& counts) {
 class BudgetOperation final : public BoundOperation, public internal::RunBudgetRules {
  public:
   BudgetOperation(State& state, RunBudgetObject& self, Locking locking = Locking::may_fail)
-      : BoundOperation(state, self.head, state.run_budget, locking, {self.changed, "_changed"},
-                       self.changed_parts, {self.held_tokens, "_held_tokens"}),
+      : BoundOperation(state, state.run_budget, locking,
+                       {object_of(self), self.changed, "_changed"}, self.changed_parts,
+                       {object_of(self), self.held_tokens, "_held_tokens"}),
         RunBudgetRules(self.counts, amounts_, condition_),
         object_(self) {}
 

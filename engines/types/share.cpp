@@ -92,7 +92,7 @@ int init(PyObject* self, PyObject* arguments, PyObject* keywords) {
 }
 
 void settle_with(State& state, ShareObject& self, PyObject* reply) {
-  set_share(reinterpret_cast<PyObject*>(&self));
+  set_share(object_of(self));
   // The interpreter's lock makes the exchange one step.
   struct Taken : Action {
     State* state;
@@ -114,7 +114,7 @@ Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
   if (arguments.keyword_names != nullptr) {
     raise(PyExc_TypeError, "__exit__() takes no keyword arguments");
   }
-  auto* object = reinterpret_cast<PyObject*>(&self);
+  auto* object = object_of(self);
   if (const Owned step = override_of(object, state.share, state.name(Name::settle))) {
     call(step.get(), Py_None);
   } else {
@@ -138,8 +138,8 @@ void finalize(PyObject* self) {
 }
 
 PyMethodDef methods[] = {method<settle>("settle", doc::Share_settle),
-                         {"__enter__", enter, METH_NOARGS, doc::Share___enter__},
-                         method<exit>("__exit__", doc::Share___exit__),
+                         {"__enter__", enter, METH_NOARGS, doc::Share_enter},
+                         method<exit>("__exit__", doc::Share_exit),
                          {}};
 
 }  // namespace
