@@ -21,9 +21,11 @@ void bind_function(PyObject* module, PyMethodDef& function, PyObject*& place) {
   bind(module, function.ml_name, place);
 }
 
-void bind_type(PyObject* module, const char* name, KnownType& place, PyTypeObject* type) {
-  place.type = type;
-  bind(module, name, reinterpret_cast<PyObject*>(type));
+/// A name of the module's own type comes into being. What is added to the type from here on is no
+/// method, so no host is taken to have patched it.
+void bind_type(PyObject* module, const char* name, Known place, PyTypeObject* type) {
+  module_state(module)[place].remember(type);
+  bind(module, name, module_state(module).type(place));
 }
 
 Owned import_from(const char* module, const char* name) {
@@ -64,7 +66,7 @@ void take_from_host(State& state) {
   state[Kept::new_condition] = import_from("threading", "Condition").release();
   state[Kept::new_lock] = import_from("threading", "Lock").release();
   if (PyObject* condition = state[Kept::new_condition]; is_condition_of_threading(condition)) {
-    state.condition.remember(reinterpret_cast<PyTypeObject*>(Py_NewRef(condition)));
+    state[Known::condition].remember(reinterpret_cast<PyTypeObject*>(Py_NewRef(condition)));
   }
   state.plain_lock.remember(call(import_from("_thread", "allocate_lock").get()), "_thread.lock");
   state.reentrant_lock.remember(call(import_from("_thread", "RLock").get()), "_thread.RLock");
@@ -102,16 +104,10 @@ void bind_errors(PyObject* module, State& state) {
 }
 
 /// Runs `source` in a namespace of its own that begins with what `module` defines; returns that.
-Owned run(const char* source, PyObject* module) {
+Owned run_source(const char* source, PyObject* module) {
   Owned globals = checked([=] { return PyDict_Copy(PyModule_GetDict(module)); });
   checked([&] { return PyRun_String(source, Py_file_input, globals.get(), globals.get()); });
   return globals;
-}
-
-/// The types whose steps a host may override.
-std::array<KnownType*, 6> own_types(State& state) {
-  return {&state.share,         &state.held,       &state.charges,
-          &state.request_rates, &state.run_budget, &state.daily_spend};
 }
 
 /// The steps stand in the order in which the names come into being.
@@ -123,19 +119,18 @@ void execute(PyObject* module) {
   bind(module, "logger", state[Kept::logger]);
   bind(module, "_POLL_S", to_python(internal::poll_s).get());
   bind_errors(module, state);
-  const Owned defined = run(source::paid_reply, module);
+  const Owned defined = run_source(source::paid_reply, module);
   bind(module, "PaidReply", PyDict_GetItemString(defined.get(), "PaidReply"));
   bind_function(module, never_function, state[Kept::never]);
   bind_function(module, nothing_function, state[Kept::nothing]);
-  bind_type(module, "Share", state.share, make_share_type(module));
-  bind_type(module, "_Held", state.held, make_held_type(module));
+  bind_type(module, "Share", Known::share, make_share_type(module));
+  bind_type(module, "_Held", Known::held, make_held_type(module));
   bind_function(module, wait_function, state[Kept::wait]);
-  bind_type(module, "_Charges", state.charges, make_charges_type(module));
-  bind_type(module, "RequestRates", state.request_rates, make_request_rates_type(module));
-  bind_type(module, "RunBudget", state.run_budget, make_run_budget_type(module));
-  bind_type(module, "DailySpend", state.daily_spend, make_daily_spend_type(module));
-  run(source::signatures, module);
-  for (KnownType* known : own_types(state)) known->remember(known->type);
+  bind_type(module, "_Charges", Known::charges, make_charges_type(module));
+  bind_type(module, "RequestRates", Known::request_rates, make_request_rates_type(module));
+  bind_type(module, "RunBudget", Known::run_budget, make_run_budget_type(module));
+  bind_type(module, "DailySpend", Known::daily_spend, make_daily_spend_type(module));
+  run_source(source::signatures, module);
 }
 
 int execute_slot(PyObject* module) {
@@ -152,12 +147,10 @@ int execute_slot(PyObject* module) {
 template <class Visit>
 void each_object(State& state, Visit visit) {
   for (PyObject*& object : state.kept) visit(object);
-  const auto visit_known = [&](KnownType& known) {
+  for (KnownType& known : state.known) {
     visit(known.type);
     visit(known.entries);
-  };
-  for (KnownType* known : own_types(state)) visit_known(*known);
-  visit_known(state.condition);
+  }
   visit(state.plain_lock.type);
   visit(state.reentrant_lock.type);
 }

@@ -6,7 +6,6 @@
 #include "decision_bounds/errors.hpp"
 #include "guard.hpp"
 #include "numbers.hpp"
-#include "waiting.hpp"
 
 namespace decision_bounds::internal {
 namespace {
@@ -108,7 +107,8 @@ double DailySpendRules::spent_since(const std::string& day) {
 
 void DailySpendRules::wait(std::optional<double> deadline, const Clock& clock,
                            const StopSignal& stopping) {
-  wait_for_room(changed_, stopping, Deadline{deadline, clock, deadline_text});
+  wait_for_room(changed_, stopping, Deadline{deadline, clock, deadline_text},
+                [this] { return poll_seconds(); });
 }
 
 }  // namespace decision_bounds::internal

@@ -7,6 +7,7 @@
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
 #include "held.hpp"
+#include "waiting.hpp"
 
 namespace decision_bounds::internal {
 
@@ -52,6 +53,8 @@ class DailySpendRules {
   /// Waits for room once; throws DecisionStopped or DecisionTimeout.
   virtual void wait(std::optional<double> deadline, const Clock& clock, const StopSignal& stopping)
       DECISION_BOUNDS_REQUIRES(changed_);
+  /// The longest that one wait may last.
+  virtual double poll_seconds() { return poll_s; }
 
  protected:
   ~DailySpendRules() = default;

@@ -2,7 +2,6 @@
 
 #include "decision_bounds/errors.hpp"
 #include "numbers.hpp"
-#include "waiting.hpp"
 
 namespace decision_bounds::internal {
 
@@ -37,7 +36,7 @@ void RunBudgetRules::release(double tokens) {
 }
 
 void RunBudgetRules::charge(const PaidReply& reply, double tokens) {
-  charge(reply, tokens, tokens != 0.0);
+  charge(reply, tokens, stands_for_a_call(tokens));
 }
 
 void RunBudgetRules::charge(const PaidReply& reply, double tokens, bool ends_call) {
@@ -85,7 +84,8 @@ bool RunBudgetRules::exhausted_locked() {
 std::string RunBudgetRules::printed_summary_locked() { return to_string(summary_of(counts_)); }
 
 void RunBudgetRules::wait() {
-  wait_for_room(changed_, [this] { return stopping(); });
+  wait_for_room(
+      changed_, [this] { return stopping(); }, std::nullopt, [this] { return poll_seconds(); });
 }
 
 void RunBudgetRules::release_locked(double tokens) {

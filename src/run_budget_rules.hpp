@@ -7,6 +7,7 @@
 #include "decision_bounds/run_budget.hpp"
 #include "guard.hpp"
 #include "held.hpp"
+#include "waiting.hpp"
 
 namespace decision_bounds::internal {
 
@@ -27,6 +28,7 @@ class RunBudgetRules {
   /// throws, nothing says whether there is such a call. Other than 0 `tokens` stand for one, which
   /// ends; with 0 nothing changes, lest the slot of another call be given back.
   void charge(const PaidReply& reply, double tokens);
+  [[nodiscard]] static bool stands_for_a_call(double tokens) noexcept { return tokens != 0.0; }
   /// Ends the call of a share: charges `reply`, or releases when there is none.
   void give_back(double tokens, const PaidReply* reply);
   bool exhausted();
@@ -44,6 +46,8 @@ class RunBudgetRules {
   virtual std::string printed_summary_locked() DECISION_BOUNDS_REQUIRES(changed_);
   /// Waits for room once; throws DecisionStopped.
   virtual void wait() DECISION_BOUNDS_REQUIRES(changed_);
+  /// The longest that one wait may last.
+  virtual double poll_seconds() { return poll_s; }
 
  protected:
   ~RunBudgetRules() = default;
@@ -57,7 +61,9 @@ class RunBudgetRules {
 
  private:
   void charge(const PaidReply& reply, double tokens, bool ends_call);
+  /// Ends a call without a reply, and wakes the waiters.
   void release_locked(double tokens) DECISION_BOUNDS_REQUIRES(changed_);
+  /// Takes a call out of those in flight: at each of its ends, and where its admission is undone.
   void leave_locked(double tokens) DECISION_BOUNDS_REQUIRES(changed_);
 
   HeldAmounts& held_ DECISION_BOUNDS_GUARDED_BY(changed_);

@@ -25,9 +25,8 @@ struct Deadline {
 /// seconds at most, never past the deadline. Throws DecisionStopped when `stopping` says so,
 /// DecisionTimeout when no time is left, and whatever the functions throw; asks them in the order
 /// stopping, poll, clock. The caller tests for room again after each return.
-void wait_for_room(
-    Condition& changed, const StopSignal& stopping,
-    const std::optional<Deadline>& deadline = std::nullopt,
-    const std::function<double()>& poll = [] { return poll_s; }) DECISION_BOUNDS_REQUIRES(changed);
+void wait_for_room(Condition& changed, const StopSignal& stopping,
+                   const std::optional<Deadline>& deadline, const std::function<double()>& poll)
+    DECISION_BOUNDS_REQUIRES(changed);
 
 }  // namespace decision_bounds::internal

@@ -17,7 +17,8 @@ def add(path: Path) -> None:
     text, rows = ROW.subn(lambda row: row[0] + row[0].replace("cache_hits", "retries"),
                           path.read_text(encoding="utf-8"))  # fmt: skip
     assert rows, f"{path} has no row of a counter: has the recipe changed?"
-    path.write_text(text.replace("std::array<SummaryEntry, 6>", "std::array<SummaryEntry, 7>"))
+    size = re.compile(r"(?<=std::array<SummaryEntry, )\d+")
+    path.write_text(size.sub(lambda count: str(int(count[0]) + 1), text), encoding="utf-8")
 
 
 def see() -> None:

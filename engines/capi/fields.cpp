@@ -47,7 +47,7 @@ Value initial(const Field& field, PyObject* module) {
 
 /// Puts `value` into the field. What was there is left in `value`: letting an object go may run
 /// Python code, which must find the field changed.
-void exchange(PyObject* self, const Field& field, Value& value) noexcept {
+void exchange(PyObject* self, const Field& field, Value& value) {
   const auto swap_in = [&](auto& held) {
     using Held = std::remove_reference_t<decltype(held)>;
     if constexpr (std::is_same_v<Held, Owned>) {

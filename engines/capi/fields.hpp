@@ -47,12 +47,13 @@ struct Place {
 };
 
 /// Where a field lies in `Object`, and what it holds.
-// NOLINTNEXTLINE(bugprone-macro-parentheses): a member cannot stand in parentheses
+// NOLINTBEGIN(bugprone-macro-parentheses): a member cannot stand in parentheses
 #define DECISION_BOUNDS_PLACE(Object, member)                                     \
   Place {                                                                         \
     kind_of<std::remove_reference_t<decltype((std::declval<Object&>().member))>>, \
         offsetof(Object, member)                                                  \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 /// Raises unless an object may be put into a field; `shown` names the field in the error.
 using Check = void (*)(PyObject* value, const char* shown);

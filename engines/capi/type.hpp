@@ -88,6 +88,7 @@ PyTypeObject* make_type(PyObject* module, PyType_Spec& spec);
 template <class Object>
 PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
   static_assert(std::is_standard_layout_v<Object> && offsetof(Object, head) == 0);
+  static_assert(sizeof(Object) <= 32 * sizeof(double), "a bit of `deleted` for each word");
   std::vector<PyType_Slot> slots = {{Py_tp_doc, const_cast<char*>(parts.doc)},
                                     {Py_tp_new, slot(parts.create)},
                                     {Py_tp_init, slot(parts.init)},
@@ -130,6 +131,14 @@ PyObject* compare_slot(PyObject* self, PyObject* other, int operation) {
   const bool equal =
       reinterpret_cast<Object*>(self)->*Record == reinterpret_cast<Object*>(other)->*Record;
   return to_bool(equal == (operation == Py_EQ)).release();
+}
+
+/// The type of a plain record: printed and compared by field.
+template <class Object, auto Record>
+PyTypeObject* make_record_type(PyObject* module, TypeParts parts) {
+  parts.repr = repr_slot<Object, Record>;
+  parts.compare = compare_slot<Object, Record>;
+  return make_type<Object>(module, parts);
 }
 
 }  // namespace decision_bounds::python

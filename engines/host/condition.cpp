@@ -5,7 +5,8 @@
 namespace decision_bounds::python {
 
 const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
-  if (Py_TYPE(condition) != state_.condition.type || is_patched(state_.condition)) return nullptr;
+  if (Py_TYPE(condition) != state_[Known::condition].type || is_patched(state_[Known::condition]))
+    return nullptr;
   // Asked for each time: a host may replace the whole __dict__. What makes it allocates, so the
   // garbage collector could run; instance_dict() keeps it out.
   const Owned dict = checked([=] { return instance_dict(condition); });

@@ -27,20 +27,22 @@ class Deferred {
     if (!error_) error_ = std::current_exception();
   }
 
-  /// Runs `step`; where the operation must go on, again whenever an interrupt ends it. Each try
-  /// begins afresh, so `step` must change nothing that outlives a failure. Gives up after a
-  /// hundred: some host may raise an interrupt each time.
+  /// Runs `step`; where the operation must go on, again whenever an interrupt ends it.
   template <class Step>
   void insist(Step step) {
-    constexpr int most_tries = 100;
-    for (int tries = 0; tries < most_tries; ++tries) {
-      try {
-        return step();
-      } catch (RaisedInterrupt&) {
-        if (!must_go_on()) throw;
-        keep();
-      }
+    if (must_go_on()) {
+      repeat(step);
+    } else {
+      step();
     }
+  }
+
+  /// Runs `step` again whenever an interrupt ends it, whatever the operation. Where that may fail,
+  /// the interrupt is raised as soon as the step is done.
+  template <class Step>
+  void complete(Step step) {
+    repeat(step);
+    if (error_ && !must_go_on()) std::rethrow_exception(error_);
   }
 
   /// Runs the whole operation, then throws what was deferred or else the operation's own error.
@@ -57,6 +59,20 @@ class Deferred {
   }
 
  private:
+  /// Each try begins afresh, so `step` must change nothing that outlives a failure. Gives up after
+  /// a hundred: some host may raise an interrupt each time.
+  template <class Step>
+  void repeat(Step step) {
+    constexpr int most_tries = 100;
+    for (int tries = 0; tries < most_tries; ++tries) {
+      try {
+        return step();
+      } catch (RaisedInterrupt&) {
+        keep();
+      }
+    }
+  }
+
   Locking locking_;
   std::exception_ptr error_;
 };

@@ -31,26 +31,22 @@ void PythonHeld::give_back(double share) {
   if (!step) return record->give_back(share);
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   bool called = false;
-  const auto give = [&] {
+  deferred_.complete([&] {
     if (called && (record == nullptr || record->holders < holders)) return;
     called = true;
     call(step.get(), as_object(share).get());
-  };
-  deferred_.insist([&] {
-    Deferred whole(Locking::must_go_on);  // also in an operation that may be refused its lock
-    whole.run([&] { whole.insist(give); });
   });
 }
 
 double PythonCharges::bound(std::int64_t size) const {
   const Owned step = this->step(Name::bound);
-  if (!step) return record_in<ChargesObject>(object_, state_.charges)->bound(size);
+  if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->bound(size);
   return as_double(call(step.get(), to_python(size).get()).get(), "bound()");
 }
 
 void PythonCharges::learn(std::int64_t size, double charge) {
   const Owned step = this->step(Name::learn);
-  if (!step) return record_in<ChargesObject>(object_, state_.charges)->learn(size, charge);
+  if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->learn(size, charge);
   call(step.get(), to_python(size).get(), to_python(charge).get());
 }
 

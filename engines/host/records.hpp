@@ -67,10 +67,10 @@ class PythonHeld final : public internal::HeldAmounts {
     return amount_ != nullptr ? Owned::copy(amount_) : to_python(share);
   }
   [[nodiscard]] Owned step(const Owned& held, Name name) const {
-    return step_of<HeldObject>(state_, held, state_.held, name);
+    return step_of<HeldObject>(state_, held, state_[Known::held], name);
   }
   [[nodiscard]] internal::Held* record_of(const Owned& held) const noexcept {
-    return record_in<HeldObject>(held, state_.held);
+    return record_in<HeldObject>(held, state_[Known::held]);
   }
 
   State& state_;
@@ -85,13 +85,15 @@ class PythonCharges {
   PythonCharges(State& state, Owned object) : state_(state), object_(std::move(object)) {}
 
   /// Whether its steps run no Python code.
-  [[nodiscard]] bool is_native() const { return is_untouched(object_.get(), state_.charges); }
+  [[nodiscard]] bool is_native() const {
+    return is_untouched(object_.get(), state_[Known::charges]);
+  }
   [[nodiscard]] double bound(std::int64_t size) const;
   void learn(std::int64_t size, double charge);
 
  private:
   [[nodiscard]] Owned step(Name name) const {
-    return step_of<ChargesObject>(state_, object_, state_.charges, name);
+    return step_of<ChargesObject>(state_, object_, state_[Known::charges], name);
   }
 
   State& state_;

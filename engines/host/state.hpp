@@ -41,11 +41,22 @@ enum class Kept : std::size_t {
   count
 };
 
+/// The types whose methods a host may override.
+enum class Known : std::size_t {
+  share,
+  held,
+  charges,
+  request_rates,
+  run_budget,
+  daily_spend,
+  condition,  // threading.Condition; no type where another stood in its place at the import
+  count
+};
+
 struct State {
   PyObject* module;  // borrowed: the state is a piece of it
   std::array<PyObject*, static_cast<std::size_t>(Kept::count)> kept;
-  KnownType share, held, charges, request_rates, run_budget, daily_spend;
-  KnownType condition;  // threading.Condition; no type where another stood in its place
+  std::array<KnownType, static_cast<std::size_t>(Known::count)> known;
   NativeLock plain_lock, reentrant_lock;
   Names names;
   std::array<PyObject*, std::tuple_size_v<RunSummary>> summary_keys;
@@ -55,6 +66,12 @@ struct State {
   }
   [[nodiscard]] PyObject* operator[](Kept which) const noexcept {
     return kept[static_cast<std::size_t>(which)];
+  }
+  [[nodiscard]] KnownType& operator[](Known which) noexcept {
+    return known[static_cast<std::size_t>(which)];
+  }
+  [[nodiscard]] PyObject* type(Known which) const noexcept {
+    return reinterpret_cast<PyObject*>(known[static_cast<std::size_t>(which)].type);
   }
   [[nodiscard]] PyObject* name(Name which) const noexcept {
     return names[static_cast<std::size_t>(which)];

@@ -4,7 +4,6 @@
 
 #include "host/condition.hpp"
 #include "host/records.hpp"
-#include "waiting.hpp"
 
 namespace decision_bounds::python {
 
@@ -15,7 +14,7 @@ class BoundOperation {
   /// Runs the `operation` on `amount` (a float object, borrowed), whose value it gets; then raises
   /// what had to be deferred.
   template <class Operation>
-  void run(PyObject* amount, Operation operation) {
+  void with_amount(PyObject* amount, Operation operation) {
     amounts_.set_amount(amount);
     deferred_.run([&] { operation(PyFloat_AS_DOUBLE(amount)); });
   }
@@ -39,14 +38,6 @@ class BoundOperation {
     Owned wait = global(state_, Name::_wait, state_[Kept::wait]);
     return wait.get() == state_[Kept::wait] ? Owned() : std::move(wait);
   }
-  /// One wait of the module's own.
-  void wait_for_room(const StopSignal& stopping,
-                     const std::optional<internal::Deadline>& deadline = std::nullopt)
-      DECISION_BOUNDS_REQUIRES(condition_) {
-    internal::wait_for_room(condition_, stopping, deadline,
-                            [this] { return poll_seconds(state_); });
-  }
-
   State& state_;
   PyObject* self_;
   KnownType& known_;
@@ -59,8 +50,6 @@ inline Owned new_condition(PyObject* module) {
   return call(module_state(module)[Kept::new_condition]);
 }
 
-inline Owned new_held(PyObject* module) {
-  return call(reinterpret_cast<PyObject*>(module_state(module).held.type));
-}
+inline Owned new_held(PyObject* module) { return call(module_state(module).type(Known::held)); }
 
 }  // namespace decision_bounds::python

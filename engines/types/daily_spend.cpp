@@ -35,7 +35,7 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
 void end_call(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
   SpendOperation operation(state, *reinterpret_cast<DailySpendObject*>(spend), Locking::must_go_on);
   const PythonReply paid(state, reply);
-  operation.run(held, [&](double amount) {
+  operation.with_amount(held, [&](double amount) {
     operation.give_back(amount, reply == Py_None ? nullptr : &paid);
   });
 }
@@ -43,7 +43,7 @@ void end_call(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
 /// The module's own _give_back, whatever the account has by now: it had that when it admitted the
 /// call.
 Owned give_back_object(State& state, PyObject* spend, PyObject* held) {
-  PyObject* own = PyDict_GetItem(state.daily_spend.entries, state.name(Name::_give_back));
+  PyObject* own = PyDict_GetItem(state[Known::daily_spend].entries, state.name(Name::_give_back));
   const Owned bound = checked([&] {
     return Py_TYPE(own)->tp_descr_get(own, spend, reinterpret_cast<PyObject*>(Py_TYPE(spend)));
   });
@@ -57,10 +57,7 @@ const GiveBack gives_dollars_back{end_call, give_back_object};
 void SpendOperation::wait(std::optional<double> deadline, const Clock& clock,
                           const StopSignal& stopping) {
   const Owned wait = replaced_wait();
-  if (!wait) {
-    wait_for_room(stopping, internal::Deadline{deadline, clock, internal::deadline_text});
-    return;
-  }
+  if (!wait) return DailySpendRules::wait(deadline, clock, stopping);
   const Owned keywords = checked(
       [this] { return PyTuple_Pack(2, state_.name(Name::deadline), state_.name(Name::clock)); });
   PyObject* all[] = {condition_.object(), waiting_.stopping, waiting_.deadline, waiting_.clock};

@@ -25,7 +25,7 @@ struct Waiting {
 class SpendOperation final : public BoundOperation, public internal::DailySpendRules {
  public:
   SpendOperation(State& state, DailySpendObject& self, Locking locking = Locking::may_fail)
-      : BoundOperation(state, state.daily_spend, locking,
+      : BoundOperation(state, state[Known::daily_spend], locking,
                        {object_of(self), self.changed, "_changed"}, self.changed_parts,
                        {object_of(self), self.held, "_held"}),
         DailySpendRules(self.account, amounts_, condition_),
@@ -66,8 +66,9 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
     return as_double(call(step.get(), date.get()).get(), "_spent_since()");
   }
 
-  void wait(std::optional<double> deadline, const Clock& clock,
-            const StopSignal& stopping) override DECISION_BOUNDS_NO_ANALYSIS;
+  double poll_seconds() override { return python::poll_seconds(state_); }
+  void wait(std::optional<double> deadline, const Clock& clock, const StopSignal& stopping) override
+      DECISION_BOUNDS_REQUIRES(changed_);
 
  private:
   void prepare_share(double held) override;

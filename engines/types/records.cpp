@@ -74,22 +74,14 @@ constinit const Fields HeldObject::fields = held_fields;
 constinit const Fields ChargesObject::fields = charges_fields;
 
 PyTypeObject* make_held_type(PyObject* module) {
-  return make_type<HeldObject>(module, {.name = "decision_bounds._Held",
-                                        .doc = doc::Held,
-                                        .methods = held_methods,
-                                        .init = init_slot<HeldObject>,
-                                        .repr = repr_slot<HeldObject, &HeldObject::record>,
-                                        .compare = compare_slot<HeldObject, &HeldObject::record>});
+  return make_record_type<HeldObject, &HeldObject::record>(
+      module, {"decision_bounds._Held", doc::Held, held_methods, init_slot<HeldObject>});
 }
 
 PyTypeObject* make_charges_type(PyObject* module) {
-  return make_type<ChargesObject>(module,
-                                  {.name = "decision_bounds._Charges",
-                                   .doc = doc::Charges,
-                                   .methods = charges_methods,
-                                   .init = init_slot<ChargesObject>,
-                                   .repr = repr_slot<ChargesObject, &ChargesObject::record>,
-                                   .compare = compare_slot<ChargesObject, &ChargesObject::record>});
+  return make_record_type<ChargesObject, &ChargesObject::record>(
+      module,
+      {"decision_bounds._Charges", doc::Charges, charges_methods, init_slot<ChargesObject>});
 }
 
 }  // namespace decision_bounds::python

@@ -23,9 +23,7 @@ void check_set(PyObject* value, const char* shown) {
 
 Owned new_lock(PyObject* module) { return call(module_state(module)[Kept::new_lock]); }
 
-Owned new_charges(PyObject* module) {
-  return call(reinterpret_cast<PyObject*>(module_state(module).charges.type));
-}
+Owned new_charges(PyObject* module) { return call(module_state(module).type(Known::charges)); }
 
 Owned new_features(PyObject*) {
   return checked([] { return PySet_New(nullptr); });
@@ -125,10 +123,8 @@ constinit const Fields RequestRatesObject::fields = rates_fields;
 }  // namespace
 
 PyTypeObject* make_request_rates_type(PyObject* module) {
-  return make_type<RequestRatesObject>(module, {.name = "decision_bounds.RequestRates",
-                                                .doc = doc::RequestRates,
-                                                .methods = methods,
-                                                .init = init_slot<RequestRatesObject>});
+  return make_type<RequestRatesObject>(module, {"decision_bounds.RequestRates", doc::RequestRates,
+                                                methods, init_slot<RequestRatesObject>});
 }
 
 }  // namespace decision_bounds::python

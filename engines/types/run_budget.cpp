@@ -94,7 +94,7 @@ Owned reserve(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"reserve", {"tokens"}, 1, 0};
   const Owned tokens = tokens_or_0(parameters.sorted(arguments)[0]);
   BudgetOperation budget(state, self);
-  budget.run(tokens.get(), [&](double amount) { budget.reserve(amount); });
+  budget.with_amount(tokens.get(), [&](double amount) { budget.reserve(amount); });
   return none();
 }
 
@@ -111,7 +111,7 @@ Owned release(State& state, RunBudgetObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"release", {"tokens"}, 1, 0};
   const Owned tokens = tokens_or_0(parameters.sorted(arguments)[0]);
   BudgetOperation budget(state, self, Locking::must_go_on);
-  budget.run(tokens.get(), [&](double amount) { budget.release(amount); });
+  budget.with_amount(tokens.get(), [&](double amount) { budget.release(amount); });
   return none();
 }
 
@@ -121,9 +121,10 @@ Owned charge(State& state, RunBudgetObject& self, const Arguments& arguments) {
   const Owned tokens = tokens_or_0(reserved);
   const PythonReply paid(state, as_reply(result, "result"));
   // With no tokens it may be a cache hit, which gives nothing back and can be tried again.
-  const bool ends_call = PyFloat_AS_DOUBLE(tokens.get()) != 0.0;
+  const bool ends_call = BudgetOperation::stands_for_a_call(PyFloat_AS_DOUBLE(tokens.get()));
   BudgetOperation budget(state, self, ends_call ? Locking::must_go_on : Locking::may_fail);
-  budget.run(tokens.get(), [&](double amount) { budget.RunBudgetRules::charge(paid, amount); });
+  budget.with_amount(tokens.get(),
+                     [&](double amount) { budget.RunBudgetRules::charge(paid, amount); });
   return none();
 }
 
@@ -144,13 +145,8 @@ PyMethodDef methods[] = {
 constinit const Fields RunBudgetObject::fields = budget_fields;
 
 PyTypeObject* make_run_budget_type(PyObject* module) {
-  return make_type<RunBudgetObject>(
-      module, {.name = "decision_bounds.RunBudget",
-               .doc = doc::RunBudget,
-               .methods = methods,
-               .init = init_slot<RunBudgetObject>,
-               .repr = repr_slot<RunBudgetObject, &RunBudgetObject::counts>,
-               .compare = compare_slot<RunBudgetObject, &RunBudgetObject::counts>});
+  return make_record_type<RunBudgetObject, &RunBudgetObject::counts>(
+      module, {"decision_bounds.RunBudget", doc::RunBudget, methods, init_slot<RunBudgetObject>});
 }
 
 }  // namespace decision_bounds::python

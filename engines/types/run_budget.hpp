@@ -39,7 +39,7 @@ inline Owned as_dict(const State& state, const RunCounts& counts) {
 class BudgetOperation final : public BoundOperation, public internal::RunBudgetRules {
  public:
   BudgetOperation(State& state, RunBudgetObject& self, Locking locking = Locking::may_fail)
-      : BoundOperation(state, state.run_budget, locking,
+      : BoundOperation(state, state[Known::run_budget], locking,
                        {object_of(self), self.changed, "_changed"}, self.changed_parts,
                        {object_of(self), self.held_tokens, "_held_tokens"}),
         RunBudgetRules(self.counts, amounts_, condition_),
@@ -62,13 +62,13 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
     return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
   }
 
-  void wait() override DECISION_BOUNDS_NO_ANALYSIS {
-    if (const Owned wait = replaced_wait()) {
-      const Owned signal = get(self_, state_.name(Name::stopping));
-      call(wait.get(), condition_.object(), signal.get());
-      return;
-    }
-    wait_for_room([this] { return stopping(); });
+  double poll_seconds() override { return python::poll_seconds(state_); }
+
+  void wait() override DECISION_BOUNDS_REQUIRES(changed_) {
+    const Owned wait = replaced_wait();
+    if (!wait) return RunBudgetRules::wait();
+    const Owned signal = get(self_, state_.name(Name::stopping));
+    call(wait.get(), condition_.object(), signal.get());
   }
 
   Owned summary() {
@@ -83,7 +83,7 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
     if (const Owned step = override_of(Name::reserve)) {
       call(step.get(), tokens);
     } else {
-      run(tokens, [this](double amount) { reserve(amount); });
+      with_amount(tokens, [this](double amount) { reserve(amount); });
     }
   }
 
@@ -91,7 +91,8 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
   /// own from there on: what it leaves undone stays held.
   void end(PyObject* tokens, PyObject* reply) {
     const PythonReply paid(state_, reply);
-    run(tokens, [&](double amount) { give_back(amount, reply == Py_None ? nullptr : &paid); });
+    with_amount(tokens,
+                [&](double amount) { give_back(amount, reply == Py_None ? nullptr : &paid); });
   }
 
  private:

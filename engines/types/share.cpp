@@ -97,7 +97,7 @@ void settle_with(State& state, ShareObject& self, PyObject* reply) {
   struct Taken : Action {
     State* state;
     explicit operator bool() const noexcept { return how != &given_back; }
-    void operator()(PyObject* paid) const { how->run(*state, target.get(), amount.get(), paid); }
+    void operator()(PyObject* paid) const { how->end(*state, target.get(), amount.get(), paid); }
   };
   internal::settle_once([&] { return Taken{exchange(self, &given_back, {}), &state}; }, reply);
 }
@@ -115,7 +115,7 @@ Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
     raise(PyExc_TypeError, "__exit__() takes no keyword arguments");
   }
   auto* object = object_of(self);
-  if (const Owned step = override_of(object, state.share, state.name(Name::settle))) {
+  if (const Owned step = override_of(object, state[Known::share], state.name(Name::settle))) {
     call(step.get(), Py_None);
   } else {
     settle_with(state, self, Py_None);
@@ -147,7 +147,7 @@ PyMethodDef methods[] = {method<settle>("settle", doc::Share_settle),
 constinit const Fields ShareObject::fields = share_fields;
 
 Owned new_share(const State& state) {
-  PyTypeObject* type = state.share.type;
+  auto* type = reinterpret_cast<PyTypeObject*>(state.type(Known::share));
   return checked([=] { return type->tp_alloc(type, 0); });
 }
 

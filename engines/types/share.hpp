@@ -4,12 +4,11 @@
 
 namespace decision_bounds::python {
 
-/// How a share gives back what its call holds. There is one, static, for each kind of bound; so a
-/// share need not know the bounds, and a call costs no Python object for an action that hardly
-/// anybody reads.
+/// How a share gives back what its call holds. Each kind of bound has one, static; so a share need
+/// not know the bounds, and a call costs no Python object for an action that hardly anybody reads.
 struct GiveBack {
   /// Ends the call: `amount` of `target`, and the reply, None where the call was not paid.
-  void (*run)(State& state, PyObject* target, PyObject* amount, PyObject* reply);
+  void (*end)(State& state, PyObject* target, PyObject* amount, PyObject* reply);
   /// The action as what a host sees in `_give_back`: a function of a reply or None.
   Owned (*as_object)(State& state, PyObject* target, PyObject* amount);
 };
