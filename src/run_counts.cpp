@@ -1,6 +1,8 @@
 // The counters of a pass as text and as a summary. Each counter is a row of the tables below.
 
 #include <algorithm>
+#include <iterator>
+#include <tuple>
 
 #include "decision_bounds/run_budget.hpp"
 #include "numbers.hpp"
@@ -65,8 +67,8 @@ std::string to_string(const RunCounts& counts, std::string_view name) {
 
 RunSummary summary_of(const RunCounts& counts) {
   RunSummary summary;
-  std::ranges::transform(summarised, summary.begin(),
-                         [&](const Counter& counter) { return entry_of(counter, counts); });
+  std::transform(std::begin(summarised), std::end(summarised), summary.begin(),
+                 [&](const Counter& counter) { return entry_of(counter, counts); });
   return summary;
 }
 
