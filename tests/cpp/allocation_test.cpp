@@ -1,8 +1,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
-#include <string>
-#include <thread>
 
 #include "fakes.hpp"
 
@@ -19,39 +17,35 @@ void* operator new(std::size_t size) {
 
 namespace decision_bounds::test {
 
-TEST(AllocationTest, AnAdmittedCallAllocatesNothing) {
-  RunBudget budget(9, 9);
-  DailySpend spend(10.0, one_day, nullptr);
+TYPED_TEST(BoundTest, AllocatesNothingForAnAdmittedCall) {
+  TypeParam bound;
   const Reply reply({.cost = 0.01, .tokens = 1});
-  const CostBound bound = [] { return 0.01; };
   const long before = allocations;
-  budget.hold(1.0).settle(nullptr);
-  budget.hold(1.0).settle(&reply);
-  spend.admit(bound, {}, nullptr, never).settle(nullptr);
-  spend.admit(bound, {}, nullptr, never).settle(&reply);
+  bound.admit(1.0).settle(nullptr);
+  bound.admit(1.0).settle(&reply);
   EXPECT_EQ(allocations, before);
 }
 
 TEST(AllocationTest, AFailureChangesAllOrNothingAndLeavesTheLocksFree) {
   bool failed = true;
   for (long nth = 1; failed; ++nth) {
-    std::string name(40, 'x');
+    SCOPED_TRACE(nth);
     RequestRates rates;
-    DailySpend spend(
-        9.0, [&] { return name; }, [](const auto&) { return 2.0; });
-    RunBudget budget(0, 0);
-    const auto use_all = [&] {
-      rates.learn(1, name, Reply());
-      spend.charge(Reply());
-      budget.reserve();  // is refused
-    };
+    Pass pass(RunCounts{});
+    Day day;
+    day.date = std::string(40, 'x');
+    day.ledger = [](const std::string&) { return 2.0; };
     fails_at = allocations + nth;
-    EXPECT_ANY_THROW(use_all());
+    EXPECT_ANY_THROW({
+      rates.learn(1, day.date, Reply());
+      day.spend.charge(Reply());
+      pass.budget.reserve();  // is refused
+    });
     failed = allocations >= fails_at;
     fails_at = 0;
-    EXPECT_EQ(rates.cost(1, name), rates.tokens(1)) << "without allocation " << nth;
-    std::jthread([&] { EXPECT_THROW(budget.reserve(), DecisionBudgetExceeded); }).join();
-    std::jthread([&] { EXPECT_EQ(spend.spent(), 2.0); }).join();
+    EXPECT_EQ(rates.cost(1, day.date), rates.tokens(1));
+    EXPECT_EQ(pass.changed->depth + day.changed->depth, 0);
+    EXPECT_EQ(day.spend.spent(), 2.0);
   }
 }
 

@@ -1,166 +1,115 @@
-#include <functional>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "fakes.hpp"
 
 namespace decision_bounds::test {
 
-bool always() { return true; }
+constexpr double past = 0.0;
+constexpr const char* next_day = "2024-05-02";
 
-/// A cap of 10 dollars, of which 9 are spent when a day begins. The clock shows 100.
-struct DailySpendTest : testing::Test {
-  static constexpr double past = 0.0;
-
-  Share admit(double bound, std::optional<double> deadline = {}, const StopSignal& stop = never) {
-    return spend.admit([=] { return bound; }, deadline, clock, stop);
+/// Of the cap 9 dollars are spent when a day begins.
+struct DailySpendTest : testing::Test, Day {
+  DailySpendTest() : Day(nullptr) {
+    ledger = [](const std::string&) { return 9.0; };
   }
-
-  std::string day = one_day();  // empty: asking for it fails
-  Ledger ledger = [](const std::string&) { return 9.0; };
-  Clock clock = [] { return 100.0; };
-  FakeCondition* changed = new FakeCondition;  // the account's
-  DailySpend spend{10.0, [this] { return day.empty() ? throw Interrupt() : day; },
-                   [this](const std::string& since) { return ledger(since); }, nullptr,
-                   std::unique_ptr<Condition>(changed)};
+  void call(double bound, std::optional<double> deadline = {}) {
+    admit(bound, deadline).settle(nullptr);
+  }
 };
 
-TEST_F(DailySpendTest, AsksTheLedgerOnceForEachDay) {
-  std::string asked;
-  ledger = [&](const std::string& since) {
-    asked += since + " ";
-    return 9.0;
-  };
-  for (const char* date : {"2024-05-01", "2024-05-01", "2024-05-02", "2024-04-30"}) {
-    day = date;
-    EXPECT_EQ(spend.spent(), 9.0);
-  }
-  EXPECT_EQ(asked, "2024-05-01 2024-05-02 2024-04-30 ");
-}
-
-TEST_F(DailySpendTest, DoesNotBeginADayWhoseLedgerIsInterrupted) {
+TEST_F(DailySpendTest, BeginsNoDayWhoseLedgerIsInterruptedAndAt0OneWhoseLedgerFails) {
   spend.charge(Reply({.cost = 0.5, .cached = true}));
   EXPECT_EQ(changed->wakes, 1);
-  day = "2024-05-02";
   ledger = [](const std::string&) -> double { throw Interrupt(); };
+  date = next_day;
   EXPECT_THROW(spend.charge(Reply()), Interrupt);
-  day = "2024-05-01";
+  date = one_day();
   EXPECT_EQ(spend.spent(), 9.5);
-}
-
-TEST_F(DailySpendTest, BeginsADayAt0WithAWarningWhenItsLedgerFails) {
   ledger = [](const std::string&) -> double { throw std::out_of_range("no\nfile"); };
+  date = next_day;
   testing::internal::CaptureStderr();
-  EXPECT_EQ(spend.spent(), 0.0);
-  EXPECT_EQ(spend.spent(), 0.0);
+  for (int readings = 0; readings < 2; ++readings) EXPECT_EQ(spend.spent(), 0.0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "warning: Could not read what the decision calls of 2024-05-01 cost; the daily cap "
+            "warning: Could not read what the decision calls of 2024-05-02 cost; the daily cap "
             "counts from 0: no file\n");
 }
 
-TEST_F(DailySpendTest, RefusesOnceTheSettledCallsCostTheCapAndWarnsOnceADay) {
-  ledger = [](const std::string&) { return 10.00421; };
+TEST_F(DailySpendTest, RefusesOnceTheSettledCallsCostTheCapAndAsksItsLedgerAndWarnsOnceADay) {
+  std::string asked;
+  ledger = [&](const std::string& since) {
+    asked += since + " ";
+    return 10.00421;
+  };
+  stop = [] { return true; };
+  const std::string reached =
+      "he daily decision cost cap is reached: $10.0042 of $10.00 spent today (UTC)";
   testing::internal::CaptureStderr();
-  for (const char* date : {"2024-05-01", "2024-05-01", "2024-05-02"}) {
-    day = date;
-    EXPECT_EQ(message_of<DecisionBudgetExceeded>([&] { return admit(0.0, past, always); }),
-              "the daily decision cost cap is reached: $10.0042 of $10.00 spent today (UTC)");
+  for (const char* today : {"2024-05-01", "2024-05-01", "2024-05-02", "2024-04-30"}) {
+    date = today;
+    EXPECT_THAT([&] { call(0.0, past); }, ThrowsMessage<DecisionBudgetExceeded>("t" + reached));
   }
   const std::string warning =
-      "warning: The daily decision cost cap is reached: $10.0042 of $10.00 spent today (UTC); "
-      "paid calls resume tomorrow, cached answers are still used\n";
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), warning + warning);
+      "warning: T" + reached + "; paid calls resume tomorrow, cached answers are still used\n";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), warning + warning + warning);
+  EXPECT_EQ(asked, "2024-05-01 2024-05-02 2024-04-30 ");
 }
 
-TEST_F(DailySpendTest, RefusesASpendThatIsNoNumberOnceTheLockIsFree) {
+TEST_F(DailySpendTest, RefusesASpendThatIsNoNumberAndWarnsOnceTheLockIsFree) {
   spend.charge(Reply({.cost = nan}));
   changed->failing = "unlock";
-  EXPECT_THROW(admit(0.0).settle(nullptr), Interrupt);  // before it would warn
+  testing::internal::CaptureStderr();
+  EXPECT_THROW(call(0.0), Interrupt);  // before it would warn
+  EXPECT_THROW(call(0.0), DecisionBudgetExceeded);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "was not the day's first refusal";
 }
 
-TEST_F(DailySpendTest, AWaitingCallAsksForItsBoundAgain) {
-  double bound = not_known;
-  Share first = admit(1.0);
-  changed->at_wait = [&] {
-    first.settle(nullptr);
-    bound = 0.5;
-  };
-  const Share second = spend.admit([&] { return bound; }, {}, nullptr, never);
-  EXPECT_EQ(changed->waits, std::vector<double>{0.1});
-  EXPECT_NO_THROW(admit(0.25, past).settle(nullptr));  // the second is not unbounded
-}
-
-TEST_F(DailySpendTest, AShareReturnsWhatItHeldAndNoMore) {
-  Share first = admit(0.5);
-  const Share second = admit(0.25);
-  day.clear();
-  first.settle(nullptr);  // asks for no date
-  day = one_day();
-  const Share third = admit(0.5);
-  const Share fourth = admit(0.25);  // the last that finds room
-  EXPECT_THROW(admit(0.0, past).settle(nullptr), DecisionTimeout);
-}
-
-TEST_F(DailySpendTest, AWaitLastsUntilThePollOrTheDeadline) {
-  const Share alone = admit(not_known);
-  const auto stop_after_a_wait = [this] { return !changed->waits.empty(); };
-  changed->at_wait = [] {};
-  for (const auto& [left, wait] : {std::pair(0.0625, 0.0625), {5.0, 0.1}, {nan, 0.1}}) {
-    changed->waits.clear();
-    EXPECT_THROW(admit(0.0, 100.0 + left, stop_after_a_wait).settle(nullptr), DecisionStopped);
-    EXPECT_EQ(changed->waits, std::vector<double>{wait});
-  }
-}
-
-TEST_F(DailySpendTest, OnlyAWaitingCallLooksAtItsStopAndThenAtItsDeadline) {
+TEST_F(DailySpendTest, OnlyAWaitingCallLooksAtItsStopAndThenAtItsDeadlineWhichEndsItsWait) {
   clock = []() -> double { throw Interrupt(); };
-  const Share alone = admit(not_known, past, always);
-  EXPECT_THROW(admit(0.0, past, always).settle(nullptr), DecisionStopped);
-  EXPECT_THROW(admit(0.0, past).settle(nullptr), Interrupt);
-}
-
-TEST_F(DailySpendTest, AWaitingCallTimesOutOnceNoTimeIsLeft) {
-  const Share alone = admit(not_known);
+  stop = [] { return true; };
+  const Share alone = admit(not_known, past);
+  EXPECT_THROW(call(0.0, past), DecisionStopped);
+  stop = never;
+  EXPECT_THROW(call(0.0, past), Interrupt);
+  clock = [] { return 100.0; };
+  for (const auto& [left, wait] : {std::pair(0.0625, 0.0625), {5.0, 0.1}, {nan, 0.1}}) {
+    changed->failing = "wait_for";
+    EXPECT_THROW(call(0.0, 100.0 + left), Interrupt);
+    EXPECT_EQ(changed->waits.back(), wait) << "with " << left << " s left";
+  }
   for (const double left : {0.0, -1.0, -not_known}) {
-    EXPECT_EQ(message_of<DecisionTimeout>([&] { return admit(0.0, 100.0 + left); }),
-              "the decision call ran out of its deadline while the calls in flight held the rest "
-              "of the daily cost cap");
+    EXPECT_THAT([&] { call(0.0, 100.0 + left); },
+                ThrowsMessage<DecisionTimeout>(
+                    "the decision call ran out of its deadline while the calls in flight held the "
+                    "rest of the daily cost cap"));
   }
 }
 
-TEST_F(DailySpendTest, ACallAdmittedBeforeMidnightHoldsAndCountsOnTheNewDay) {
-  Share old = admit(1.0);
-  changed->at_wait = [this] {
-    day = "2024-05-02";
+TEST_F(DailySpendTest, AWaitingCallIsTestedByItsBoundAndTheDayOfThatMoment) {
+  const Share old = admit(1.0);
+  double bound = not_known;
+  changed->at_wait = [&] {
+    bound = 0.5;
+    date = next_day;
     ledger = [](const std::string&) { return 2.0; };
+    changed->failing = "wait_for";  // the next one
   };
-  admit(0.5).settle(nullptr);
-  EXPECT_THROW(admit(not_known, past).settle(nullptr), DecisionTimeout);  // it is not alone
-  day = "2024-05-03";
-  const Reply reply({.cost = 0.25});
+  Share second = spend.admit([&] { return bound; }, {}, nullptr, never);
+  EXPECT_NO_THROW(call(0.25, past)) << "the second is unbounded";
+  second.settle(nullptr);
+  EXPECT_THROW(call(not_known, past), DecisionTimeout) << "the first has gone with its day";
+}
+
+TEST_F(DailySpendTest, CountsAReplyOnTheDayOnWhichItIsReadBesideWhatItCountsMeanwhile) {
+  Share old = admit(1.0);
+  const Reply reply({.cost = 0.25, .while_read = [this] {
+                       spend.charge(Reply({.cost = 0.5}));
+                       date = one_day();
+                     }});
+  date = next_day;
   old.settle(&reply);
-  EXPECT_EQ(spend.spent(), 2.25);
-}
-
-TEST_F(DailySpendTest, KeepsWhatAReplyCountsWhileItIsRead) {
-  spend.charge(UsingReply([this] { spend.charge(Reply({.cost = 0.25})); }));
-  EXPECT_EQ(spend.spent(), 10.25);
-  day = "2024-05-02";
-  Share share = admit(1.0);
-  const UsingReply reply([this] { spend.charge(Reply({.cost = 0.25})); });
-  share.settle(&reply);
-  EXPECT_EQ(spend.spent(), 10.25);
-}
-
-TEST_F(DailySpendTest, LetsTheErrorOfItsLockOut) {
-  changed->failing = "unlock";
-  EXPECT_THROW(static_cast<void>(spend.spent()), Interrupt);
-  changed->failing = "unlock";
-  EXPECT_THROW(spend.charge(Reply()), Interrupt);
+  date = next_day;
+  EXPECT_EQ(spend.spent(), 9.75);
+  spend.charge(reply);
+  date = next_day;
+  EXPECT_EQ(spend.spent(), 10.5);
 }
 
 TEST_F(DailySpendTest, NeedsItsFunctionsAndHoldsNothingWithoutThem) {
@@ -170,27 +119,6 @@ TEST_F(DailySpendTest, NeedsItsFunctionsAndHoldsNothingWithoutThem) {
   EXPECT_THROW(spend.admit(bound, {}, clock, nullptr).settle(nullptr), std::invalid_argument);
   EXPECT_THROW(spend.admit(bound, 200.0, nullptr, never).settle(nullptr), std::invalid_argument);
   EXPECT_EQ(changed->locks, 0);
-}
-
-TEST_F(DailySpendTest, LosesNothingThatWasHeldToAnError) {
-  // Each fails once: a function of the host, a property of the reply, or the condition.
-  for (const char* step : {"today", "cost", "notify_all", "unlock"}) {
-    SCOPED_TRACE(step);
-    Share share = admit(not_known);
-    changed->failing = "wait_for";
-    EXPECT_THROW(admit(0.0).settle(nullptr), Interrupt);
-    changed->failing = step;
-    changed->wakes = 0;
-    if (step == std::string("today")) day.clear();
-    const Reply reply({.unreadable = step});
-    EXPECT_THROW(share.settle(&reply), Interrupt);
-    EXPECT_EQ(changed->depth, 0);
-    EXPECT_EQ(changed->wakes, 1);
-    day = one_day();
-    changed->failing = "unlock";
-    EXPECT_THROW(admit(not_known).settle(nullptr), Interrupt);
-    EXPECT_NO_THROW(admit(not_known, past).settle(nullptr));
-  }
 }
 
 }  // namespace decision_bounds::test

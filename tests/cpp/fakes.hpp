@@ -1,14 +1,16 @@
 #pragma once
 
-// Stand-ins for what the library takes from its host. They let one thread play all the others.
+// The headers that most tests need, and stand-ins for the host that let one thread play all others.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <cstdint>
 #include <exception>
 #include <functional>
 #include <limits>
+#include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -29,16 +31,20 @@ inline std::string one_day() { return "2024-05-01"; }
 /// What the host's functions throw: no std::exception, so nothing may absorb it.
 struct Interrupt {};
 
+using testing::ThrowsMessage;
+
 struct ReplyFields {
   double cost = 0.0;
   std::int64_t tokens = 0;
   bool cached = false;
-  std::string_view unreadable = {};  ///< the property that throws
+  std::string_view unreadable = {};          ///< the property that throws
+  std::function<void()> while_read = [] {};  ///< what each property does meanwhile
 };
 
 struct Reply final : PaidReply {
-  explicit Reply(const ReplyFields& of = {}) : fields(of) {}
+  explicit Reply(ReplyFields of = {}) : fields(std::move(of)) {}
   auto read(std::string_view property, auto value) const {
+    fields.while_read();
     return property == fields.unreadable ? throw Interrupt() : value;
   }
   bool cached() const override { return read("cached", fields.cached); }
@@ -46,16 +52,6 @@ struct Reply final : PaidReply {
   double cost() const override { return read("cost", fields.cost); }
 
   ReplyFields fields;
-};
-
-/// One token and one dollar; uses its bound whenever a sum is read.
-struct UsingReply final : PaidReply {
-  explicit UsingReply(std::function<void()> what) : use(std::move(what)) {}
-  bool cached() const override { return false; }
-  std::int64_t input_tokens() const override { return use(), 1; }
-  double cost() const override { return use(), 1.0; }
-
-  std::function<void()> use;
 };
 
 /// Records what it is used for. Scripts play what other threads do meanwhile.
@@ -105,21 +101,52 @@ struct CountingLogger final : Logger {
   std::atomic<int> warnings = 0;
 };
 
+/// A pass of 9 calls and 10 tokens, or with other counts.
+struct Pass {
+  static constexpr const char* may_fail[] = {"cached", "input_tokens", "cost", "notify_all",
+                                             "unlock"};
+
+  explicit Pass(const RunCounts& counts = {.max_calls = 9, .max_tokens = 10})
+      : budget(counts, StopSignal(std::ref(stop)), std::unique_ptr<Condition>(changed)) {}
+  Share admit(double tokens) { return budget.hold(tokens); }
+
+  StopSignal stop = never;
+  FakeCondition* changed = new FakeCondition;  // the budget's
+  RunBudget budget;
+};
+
+/// A day with a cap of 10 dollars. The clock shows 100.
+struct Day {
+  static constexpr const char* may_fail[] = {"today", "cost", "notify_all", "unlock"};
+  static inline CountingLogger silent;
+
+  explicit Day(Logger* logger = &silent)
+      : spend(
+            10.0, [this] { return changed->fail_if_due("today"), date; },
+            [this](const std::string& since) { return ledger(since); }, logger,
+            std::unique_ptr<Condition>(changed)) {}
+  Share admit(double bound, std::optional<double> deadline = {}) {
+    return spend.admit([=] { return bound; }, deadline, clock, stop);
+  }
+
+  std::string date = one_day();
+  Ledger ledger = [](const std::string&) { return 0.0; };
+  Clock clock = [] { return 100.0; };
+  StopSignal stop = never;
+  FakeCondition* changed = new FakeCondition;  // the account's
+  DailySpend spend;
+};
+
+/// For what both bounds promise.
+template <class>
+struct BoundTest : testing::Test {};
+using Bounds = testing::Types<Pass, Day>;
+TYPED_TEST_SUITE(BoundTest, Bounds);
+
 /// Runs `work` on so many threads at once.
 inline void on_threads(int count, const std::function<void()>& work) {
   std::vector<std::jthread> threads;
   for (int i = 0; i < count; ++i) threads.emplace_back(work);
-}
-
-/// The message of the `Error` that `act` throws; empty when it throws none.
-template <class Error, class Act>
-std::string message_of(Act act) {
-  try {
-    static_cast<void>(act());
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return {};
 }
 
 }  // namespace decision_bounds::test

@@ -1,6 +1,3 @@
-#include <cstdint>
-#include <memory>
-
 #include "charges.hpp"
 #include "fakes.hpp"
 
@@ -12,6 +9,7 @@ TEST(ChargesTest, BoundARequestByTheDearestCallAndTheDearestByte) {
   Charges charges;
   charges.learn(10, 0.01);
   charges.learn(100000, 0.05);
+  for (const double no_dearer : {-9.0, 0.0, 0.05, nan}) charges.learn(1000, no_dearer);
   EXPECT_EQ(to_string(charges), "_Charges(per_byte=0.001, per_call=0.05)");
   EXPECT_EQ(charges.bound(0), 0.05);
   EXPECT_EQ(charges.bound(100000), 100.0);
@@ -19,40 +17,17 @@ TEST(ChargesTest, BoundARequestByTheDearestCallAndTheDearestByte) {
   EXPECT_EQ(charges, (Charges{.per_byte = 0.5, .per_call = 0.5}));
 }
 
-TEST(ChargesTest, LearnNothingFromWhatIsNotDearer) {
-  Charges charges{.per_byte = 0.001, .per_call = 0.05};
-  for (const double charge : {-9.0, 0.0, 0.001, nan}) charges.learn(1000, charge);
-  EXPECT_EQ(charges, (Charges{.per_byte = 0.001, .per_call = 0.05}));
-}
-
-TEST(RequestRatesTest, DoNotKnowAFeatureBeforeItsFirstReply) {
+TEST(RequestRatesTest, KnowAFeatureByItsFirstReplyAndKeepWhatTheyLearnedBeforeOneFails) {
   RequestRates rates;
   EXPECT_EQ(rates.cost(1000, "audit-1"), not_known);
   EXPECT_EQ(rates.tokens(1000), not_known);
-  rates.learn(1000, "audit-1", Reply({.cost = 0.002, .tokens = 500}));
+  const Reply reply({.cost = 0.002, .tokens = 999, .cached = true, .unreadable = "input_tokens"});
+  EXPECT_THROW(rates.learn(1000, "audit-1", reply), Interrupt);
   EXPECT_EQ(rates.cost(1000, "audit-1"), 0.002);
   EXPECT_EQ(rates.cost(1000, "audit-2"), not_known);
-  EXPECT_EQ(rates.tokens(4000), 2000.0);
-}
-
-TEST(RequestRatesTest, KeepWhatTheyLearnedBeforeAReplyFails) {
-  RequestRates rates;
-  const Reply reply({.cost = 0.01, .tokens = 999, .unreadable = "input_tokens"});
-  EXPECT_THROW(rates.learn(1000, "audit", reply), Interrupt);
-  EXPECT_EQ(rates.cost(1000, "audit"), 0.01);
   EXPECT_EQ(rates.tokens(1000), 0.0);
-}
-
-struct LockThatFailsToOpen final : Lock {
-  void lock() override {}
-  void unlock() override { throw Interrupt(); }
-};
-
-TEST(RequestRatesTest, LetTheErrorOfTheirLockOut) {
-  RequestRates rates(std::make_unique<LockThatFailsToOpen>());
-  EXPECT_THROW(rates.learn(1000, "audit", Reply()), Interrupt);
-  EXPECT_THROW(static_cast<void>(rates.cost(1000, "audit")), Interrupt);
-  EXPECT_THROW(static_cast<void>(rates.tokens(1000)), Interrupt);
+  rates.learn(1000, "audit-1", Reply({.tokens = 500}));
+  EXPECT_EQ(rates.tokens(4000), 2000.0);
 }
 
 }  // namespace decision_bounds::test

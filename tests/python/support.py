@@ -1,5 +1,7 @@
 """What the tests of the module share: replies, bounds of every kind, threads, locks."""
 
+import importlib.util
+import logging
 import threading
 import time
 from collections import deque
@@ -10,6 +12,7 @@ import decision_bounds as bounds
 
 DAY, NEXT_DAY, INFINITY = "2024-05-01", "2024-05-02", float("inf")
 REAL_CONDITION = threading.Condition  # whatever a test puts in its place
+bounds.logger.addHandler(logging.NullHandler())
 
 
 @dataclass
@@ -46,6 +49,13 @@ def derived(base, *names):
     steps = [(name, getattr(base, name)) for name in names]
     methods = {name: lambda *a, step=step: step(*a) for name, step in steps}
     return type("Derived", (base,), methods)
+
+
+def import_fresh():
+    """A module of one test's own, whose types may be patched."""
+    spec = importlib.util.spec_from_file_location("a.decision_bounds", bounds.__file__)
+    spec.loader.exec_module(module := importlib.util.module_from_spec(spec))
+    return module
 
 
 class OtherCondition:
@@ -132,6 +142,10 @@ def condition_of(bound):
     return getattr(bound._changed, "inner", bound._changed)
 
 
+def held_of(bound):
+    return bound._held_tokens if hasattr(bound, "hold") else bound._held
+
+
 def is_held(lock):
     """Whether this thread holds a lock or condition (any thread: a lock that has no owner)."""
     lock = super(NativeCondition, lock) if isinstance(lock, NativeCondition) else lock
@@ -150,5 +164,5 @@ def holds_nothing(bound):
     """Whether all is given back and the lock is free."""
     lock = condition_of(bound)
     free = in_thread(lambda: lock.acquire(blocking=False) and lock.release() is None).result(20)
-    held = bound._held_tokens if hasattr(bound, "hold") else bound._held
+    held = held_of(bound)
     return free and (held.holders, held.amount, getattr(bound, "in_flight", 0)) == (0, 0.0, 0)

@@ -5,8 +5,8 @@ from unittest.mock import Mock, call
 import decision_bounds as bounds
 import pytest
 
-from support import (DAY, INFINITY, Boom, Kind, Reply, admit, attempt, boom, holds_nothing,
-                     is_held)  # fmt: skip
+from support import (DAY, INFINITY, Boom, Broken, Kind, Reply, admit, attempt, boom, held_of,
+                     holds_nothing, import_fresh, is_held)  # fmt: skip
 
 STEPS = {  # how often the test below takes each
     "RunBudget.stopping": 3, "RunBudget._exhausted_locked": 4, "RunBudget._summary_locked": 2,
@@ -18,7 +18,7 @@ STEPS = {  # how often the test below takes each
 
 @pytest.mark.parametrize("manner", ["subclass", "type", "instance"])
 @pytest.mark.parametrize("path", STEPS)
-def test_an_overridden_step_runs_each_time(fresh, manner, path):
+def test_an_overridden_step_runs_each_time(manner, path):
     def spy(original):
         return lambda *arguments: seen.append(step) or original(*arguments)
 
@@ -29,8 +29,8 @@ def test_an_overridden_step_runs_each_time(fresh, manner, path):
             thing.__class__ = type("Derived", (owner,), {step: spy(getattr(owner, step))})
         return thing
 
-    name, _, step = path.partition(".")
-    owner, seen = getattr(fresh, name), []
+    (name, step), fresh, seen = path.split("."), import_fresh(), []
+    owner = getattr(fresh, name)
     if manner == "type":
         setattr(owner, step, spy(getattr(owner, step)))
     budget = made(fresh.RunBudget(2, 9, _held_tokens=made(fresh._Held())))
@@ -48,18 +48,13 @@ def test_an_overridden_step_runs_each_time(fresh, manner, path):
 
 def test_a_stop_signal_may_override_the_steps_of_the_call_that_asks_it(which):
     def stop():
-        for thing, step in (bound, total), (held, "admits"):
-            answer = float(step == "admits")  # yes; or 0, and no
-            spy = lambda *_, answer=answer: seen.append(is_held(bound._changed)) or answer
-            setattr(thing, step, spy)
+        held_of(bound).admits = lambda *_: seen.append(is_held(bound._changed)) or True
 
     bound, seen = getattr(Kind(), which)(), []
-    held = bound._held if which == "spend" else bound._held_tokens
-    total = "_today_locked" if which == "spend" else "_exhausted_locked"
     admit(bound, INFINITY)
     bound.should_stop = stop
     admit(bound, stopping=stop)
-    assert seen == [True, True], "both are asked, with the lock held"
+    assert seen == [True], "it was not asked, or without the lock"
 
 
 def test_the_modules_globals_are_looked_up_at_each_use(kind, monkeypatch):
@@ -70,12 +65,9 @@ def test_the_modules_globals_are_looked_up_at_each_use(kind, monkeypatch):
     pytest.raises(Boom, admit, budget)
     budget._changed.wait.assert_called_once_with(0.5)
     monkeypatch.setattr(bounds, "_POLL_S", "soon")  # it is read after the stop signal was asked
-    for answers, error in ((False, True), bounds.DecisionStopped), ((False, False), TypeError):
-        budget.should_stop = iter(answers).__next__
-        for bound in (budget, spend):
-            with pytest.raises(error, match="asked to stop|_POLL_S"):
-                admit(bound, stopping=lambda answers=answers: answers[1])
-    budget.should_stop = bounds.never
+    pytest.raises(bounds.DecisionStopped, admit, spend, stopping=lambda: True)
+    with pytest.raises(TypeError, match="_POLL_S"):
+        admit(spend)
     monkeypatch.setattr(bounds, "_wait", Mock(side_effect=Boom))
     pytest.raises(Boom, admit, budget)
     pytest.raises(Boom, admit, spend, stopping=boom, **ends)
@@ -96,25 +88,27 @@ def test_the_modules_own_wait_serves_a_host_too():
     assert changed.mock_calls == [call.wait(0.1), call.wait(0.0625)]
 
 
-def test_a_touched_account_binds_its_action_when_it_admits(fresh):
-    spend, seen = fresh.DailySpend(9.0, lambda: DAY, None), []
-    before = [admit(spend), admit(spend)]
+def test_an_account_binds_the_action_of_a_share_as_it_admits():
+    spend, budget, seen = Kind().spend(), Kind().budget(), []
+    own, read, unread = spend._give_back, admit(spend), admit(spend)
     spend._give_back = lambda held, reply: seen.append((held, reply))
-    after = admit(spend, 2.0)
+    overridden = admit(spend, 2.0)
+    action = read._give_back
     del spend._give_back
-    after.settle("paid")
-    before[0]._give_back(None)
-    before[1].settle(None)
-    assert seen == [(2.0, "paid")] and spend._held == fresh._Held(1, 2.0)
+    assert action is read._give_back and (action.func, action.args) == (own, (1.0,))
+    overridden.settle("paid")
+    action(None)
+    unread.settle(None)
+    budget.hold(3.0)._give_back(Reply())
+    assert seen == [(2.0, "paid")] and spend._held == bounds._Held(1, 2.0)
+    assert unread._give_back is None and (budget.calls, budget.in_flight) == (1, 0)
 
 
-def test_a_spied_wake_up_is_called_for_each_give_back_but_for_no_cache_hit(kind):
-    budget, spend = kind.budget(), kind.spend()
-    for bound, held, calls in (budget, budget._held_tokens, 6), (spend, spend._held, 7):
-        bound._changed.notify_all = Mock()
-        for _ in range(2):
-            for reply in (None, Reply(), object()):
-                attempt(admit(bound).settle, reply)
-            held.give_back = boom  # from now on it fails, and wakes all the same
-        bound.charge(Reply(cached=True))
-        assert bound._changed.notify_all.call_count == calls
+def test_a_give_back_wakes_even_where_its_record_fails(kind, which):
+    bound = getattr(kind, which)()
+    bound._changed.notify_all = Mock()
+    shares = [admit(bound) for _ in range(3)]
+    held_of(bound).give_back = boom
+    for share, reply in zip(shares, (None, Reply(), Broken())):
+        assert type(attempt(share.settle, reply)) is Boom
+    assert bound._changed.notify_all.call_count == 3

@@ -1,14 +1,11 @@
 """A world of bounds in use, what can be done with it, and what a hostile host does to it."""
 
-import faulthandler
 import gc
-import logging
+import sys
 from itertools import cycle
 from threading import Condition, Lock
 
 from support import DAY, INFINITY, Boom, Kind, Reply, admit, attempt, boom, bounds, is_held
-
-bounds.logger.addHandler(logging.NullHandler())
 
 
 class World:
@@ -85,6 +82,15 @@ OPERATIONS = LOCKED | {
 }
 
 
+def operate(name, world, step):
+    """What the operation returns; `step` sees each Python function begin and end."""
+    sys.setprofile(step)
+    try:
+        return OPERATIONS[name](world)
+    finally:
+        sys.setprofile(None)
+
+
 def interrupt(world):
     raise KeyboardInterrupt
 
@@ -134,15 +140,3 @@ def enter_again(world):
 
 
 RUIN = begin_again, remove, drop, enter_again
-
-
-def isolated(seconds):
-    """Runs a hazard whose file is run: if it takes longer, every thread's stack is shown."""
-
-    def run(hazard):
-        if hazard.__module__ == "__main__":
-            faulthandler.dump_traceback_later(seconds, exit=True)
-            hazard()
-        return hazard
-
-    return run

@@ -1,10 +1,9 @@
 """Each call into Python misbehaves in its turn: callables, replies, records, locks, queues."""
 
-import sys
 from itertools import count, product
 
 from support import Kind, attempt, boom, bounds
-from world import GIVE_BACKS, OPERATIONS, RUIN, World, interrupt, isolated, lose_the_locks, replace
+from world import GIVE_BACKS, OPERATIONS, RUIN, World, interrupt, lose_the_locks, operate, replace
 
 LOSE_NOTHING = boom, interrupt, lose_the_locks, replace
 CASES = [*product(("plain", "derived", "waiters"), OPERATIONS, LOSE_NOTHING + RUIN)]
@@ -13,14 +12,6 @@ CASES = [*product(("plain", "derived", "waiters"), OPERATIONS, LOSE_NOTHING + RU
 class PythonReply:
     cached, cost = property(lambda self: False), property(lambda self: 0.25)
     input_tokens = property(lambda self: 7)
-
-
-def operate(name, world, step):
-    sys.setprofile(step)  # it sees each Python function begin and end
-    try:
-        return OPERATIONS[name](world)
-    finally:
-        sys.setprofile(None)
 
 
 # An error that comes in one of these frames loses what the operation has returned.
@@ -60,7 +51,6 @@ def play(kind, name, deed, due):
     return steps > due
 
 
-@isolated(seconds=120)
 def main():
     bounds._POLL_S = 0.0001
     steps = [next(due for due in count(1) if not play(*case, due)) for case in CASES]

@@ -4,7 +4,6 @@ import time
 from threading import Event
 
 from support import DAY, admit, boom, bounds, derived, in_thread
-from world import isolated
 
 
 class Slow:
@@ -17,7 +16,6 @@ def for_ever():
         pass
 
 
-@isolated(seconds=60)
 def main():
     bounds.slow = Slow()  # so that waits end while the interpreter does
     by_look_up = derived(bounds.DailySpend, "_today_locked", "_give_back")

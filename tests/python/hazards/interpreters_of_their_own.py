@@ -1,13 +1,11 @@
 """Interpreters that come and go, each with a module of its own."""
 
-import os
 import sys
 
 import _xxsubinterpreters as interpreters
 from support import Reply, admit, attempt, boom, bounds
-from world import isolated
 
-GUEST = "import os, sys; sys.path[:] = path.split(os.pathsep); import {0}; {0}.use()"
+GUEST = "import sys; sys.path = {}; from hazards import interpreters_of_their_own as it; it.use()"
 
 
 def use():
@@ -19,11 +17,8 @@ def use():
         bound.me = bound  # it dies with the interpreter
 
 
-@isolated(seconds=30)
 def main():
-    folder, file = os.path.split(__file__)
-    path = {"path": os.pathsep.join([folder, *sys.path])}
     for _ in range(2):
         other = interpreters.create()
-        interpreters.run_string(other, GUEST.format(file.removesuffix(".py")), shared=path)
+        interpreters.run_string(other, GUEST.format(sys.path))
         interpreters.destroy(other)

@@ -5,7 +5,7 @@ from itertools import count, product
 from _testcapi import remove_mem_hooks, set_nomemory
 
 from support import Kind
-from world import OPERATIONS, World, isolated
+from world import OPERATIONS, World
 
 QUIET = 12  # an operation may do without an allocation that fails: so many in a row end the search
 # An error that passes a Python frame without memory may become the interpreter's SystemError.
@@ -23,7 +23,6 @@ def is_quiet(operate, world, k):
         remove_mem_hooks()
 
 
-@isolated(seconds=120)
 def main():
     for kind, name in product(("plain", "native"), NAMES):
         world, operate, quiet = World(Kind(kind)), OPERATIONS[name], 0

@@ -1,12 +1,10 @@
 """Objects that `__new__` made and no `__init__` filled, asked for all that they have."""
 
 from support import Reply, attempt, boom, bounds
-from world import isolated
 
 ARGUMENTS = (), (1.0,), (Reply(),), (1, 1), (boom, 1), (1, boom, boom)
 
 
-@isolated(seconds=20)
 def main():
     for kind in ("Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"):
         made = getattr(bounds, kind)

@@ -4,25 +4,21 @@ import gc
 import weakref
 
 from support import attempt, bounds
-from world import isolated
 
 DEPTH = 5000
 
 
-def rings():
-    """Weak references to objects each of which only itself keeps alive, by one of its fields."""
+def collect_rings():
+    """Of objects each of which only itself keeps alive, by one of its fields."""
     budget, other = bounds.RunBudget(9, 9), bounds.RunBudget(9, 9)
     spend, dated = bounds.DailySpend(9.0, str, None), bounds.DailySpend(9.0, str, None)
     held, share = bounds._Held(), bounds.Share()
     budget.should_stop, spend._ledger, dated._today = budget.hold, spend.charge, dated.spent
     share._give_back, held.me, other.share = share.settle, held, other.hold(1.0)
-    return [weakref.ref(thing) for thing in (budget, other, spend, dated, held, share)]
-
-
-def collect_rings():
-    references = rings()
+    rings = [weakref.ref(thing) for thing in (budget, other, spend, dated, held, share)]
+    del budget, other, spend, dated, held, share
     gc.collect()
-    kept = [reference() for reference in references if reference() is not None]
+    kept = [ring() for ring in rings if ring() is not None]
     assert not kept, f"the garbage collector does not see the rings of {kept}"
 
 
@@ -47,7 +43,6 @@ def drop_a_weak_chain():
     assert len(following) == 0, f"{len(following)} ended shares of a chain are still there"
 
 
-@isolated(seconds=30)
 def main():
     for hazard in (collect_rings, walk_deep_chains, drop_a_weak_chain):
         hazard()
