@@ -21,7 +21,8 @@ struct ConditionParts {
 class PythonCondition final : public Condition {
  public:
   /// `parts`: what is known of the condition in the attribute.
-  PythonCondition(State& state, Attribute attribute, ConditionParts& parts, Deferred& deferred)
+  PythonCondition(State& state, const Attribute& attribute, ConditionParts& parts,
+                  Deferred& deferred)
       : state_(state), attribute_(attribute), parts_(parts), deferred_(deferred) {}
 
   void lock() override;

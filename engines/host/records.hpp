@@ -50,7 +50,7 @@ Owned step_of(const State& state, const Owned& object, KnownType& known, Name na
 /// again. An object without such a record must see to interrupts itself.
 class PythonHeld final : public internal::HeldAmounts {
  public:
-  PythonHeld(State& state, Attribute attribute, Deferred& deferred)
+  PythonHeld(State& state, const Attribute& attribute, Deferred& deferred)
       : state_(state), attribute_(attribute), deferred_(deferred) {}
 
   /// The amount that the operation is about, as a float object (borrowed), so that none need be

@@ -20,8 +20,8 @@ class BoundOperation {
   }
 
  protected:
-  BoundOperation(State& state, KnownType& known, Locking locking, Attribute changed,
-                 ConditionParts& parts, Attribute held)
+  BoundOperation(State& state, KnownType& known, Locking locking, const Attribute& changed,
+                 ConditionParts& parts, const Attribute& held)
       : state_(state),
         self_(changed.self),
         known_(known),
