@@ -52,8 +52,9 @@ void intern_names(State& state) {
 bool is_condition_of_threading(PyObject* type) {
   if (!PyType_CheckExact(type)) return false;
   const Owned module = checked([] { return PyImport_ImportModule("threading"); });
+  const Owned own = Owned::steal(type_dict(reinterpret_cast<PyTypeObject*>(type)));
   for (const char* name : {"__enter__", "__exit__", "wait", "notify", "notify_all"}) {
-    PyObject* method = PyDict_GetItemString(type_dict(reinterpret_cast<PyTypeObject*>(type)), name);
+    PyObject* method = PyDict_GetItemString(own.get(), name);
     if (method == nullptr || !PyFunction_Check(method) ||
         PyFunction_GetGlobals(method) != PyModule_GetDict(module.get())) {
       return false;
@@ -70,7 +71,11 @@ void take_from_host(State& state) {
   }
   state.plain_lock.remember(call(import_from("_thread", "allocate_lock").get()), "_thread.lock");
   state.reentrant_lock.remember(call(import_from("_thread", "RLock").get()), "_thread.RLock");
-  state[Kept::deque_type] = import_from("collections", "deque").release();
+  Owned deque = import_from("_collections", "deque");
+  if (PyType_Check(deque.get()) &&
+      PyType_HasFeature(reinterpret_cast<PyTypeObject*>(deque.get()), Py_TPFLAGS_IMMUTABLETYPE)) {
+    state[Kept::deque_type] = deque.release();
+  }
   state[Kept::partial] = import_from("functools", "partial").release();
   const Owned get_logger = import_from("logging", "getLogger");
   const Owned name = checked([&] { return PyModule_GetNameObject(state.module); });

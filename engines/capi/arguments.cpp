@@ -7,6 +7,7 @@ namespace {
 /// the declared order.
 void place(const ParameterList& list, PyObject* keyword, PyObject* value, std::size_t expected,
            std::span<PyObject*> values) {
+  if (!PyUnicode_Check(keyword)) raise(PyExc_TypeError, "keywords must be strings");
   const auto is_at = [&](std::size_t index) {
     return PyUnicode_CompareWithASCIIString(keyword, list.names[index]) == 0;
   };

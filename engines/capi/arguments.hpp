@@ -42,7 +42,8 @@ struct Parameters {
   /// The same, quick where all come by position.
   [[nodiscard]] std::array<PyObject*, Count> sorted(const Arguments& arguments) const {
     std::array<PyObject*, Count> values{};
-    if (arguments.count == Count && positional == Count && arguments.keyword_names == nullptr) {
+    if (arguments.count == Count && positional == Count && arguments.keyword_names == nullptr &&
+        arguments.keywords == nullptr) {
       std::copy_n(arguments.positional, Count, values.begin());
     } else {
       sort_arguments({function, names, positional, required}, arguments, values);

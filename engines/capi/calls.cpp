@@ -12,6 +12,7 @@ Owned get_if_there(PyObject* object, PyObject* name) {
 }
 
 Owned entry_of(PyObject* dict, PyObject* name) {
+  const Owned kept = Owned::copy(dict);  // a key may have an __eq__ in Python, which lets it go
   PyObject* entry = entering([=] { return PyDict_GetItemWithError(dict, name); });
   if (entry == nullptr && PyErr_Occurred() != nullptr) throw_raised();
   return Owned::copy(entry);
@@ -22,7 +23,8 @@ Owned type_attribute(PyTypeObject* type, PyObject* name) {
   Owned found;
   for (Py_ssize_t i = 0; !found && i < PyTuple_GET_SIZE(bases.get()); ++i) {
     PyObject* base = PyTuple_GET_ITEM(bases.get(), i);
-    found = entry_of(type_dict(reinterpret_cast<PyTypeObject*>(base)), name);
+    const Owned own = Owned::steal(type_dict(reinterpret_cast<PyTypeObject*>(base)));
+    found = entry_of(own.get(), name);
   }
   return found;
 }

@@ -9,7 +9,7 @@ namespace decision_bounds::python {
 }
 
 void throw_raised() {
-  if (PyErr_ExceptionMatches(PyExc_Exception)) throw RaisedError();
+  if (PyErr_Occurred() == nullptr || PyErr_ExceptionMatches(PyExc_Exception)) throw RaisedError();
   throw RaisedInterrupt();
 }
 

@@ -127,7 +127,11 @@ void initialise(PyObject* self, PyObject* module, const char* function, Fields f
                                       : initial(field, module));
   }
   auto value = values.begin();
-  for (const Field& field : fields) exchange(self, field, *value++);
+  for (const Field& field : fields) {
+    // What has no name is kept beside an attribute, and says itself what it belongs to.
+    if (field.name != nullptr) exchange(self, field, *value);
+    ++value;
+  }
 }
 
 Owned reduce(PyObject* self, Fields fields) {

@@ -68,15 +68,17 @@ struct TypeParts {
 /// The attribute table of a type, for the life of the process.
 template <class Object>
 PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
-  static auto& rows = *new std::vector<PyGetSetDef>;  // not destroyed: threads may outlive main
-  if (!rows.empty()) return rows.data();              // another interpreter's import made it
+  static auto& table = *new std::vector<PyGetSetDef>;  // not destroyed: threads may outlive main
+  if (!table.empty()) return table.data();             // another interpreter's import made it
+  std::vector<PyGetSetDef> rows;
   for (const Field& field : Object::fields) {
     if (field.name != nullptr) rows.push_back(attribute_of(field));
   }
   rows.push_back({"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr});
   rows.push_back(extra);
   rows.push_back({});
-  return rows.data();
+  table = std::move(rows);  // whole or not at all: memory may have failed above
+  return table.data();
 }
 
 /// Where the interpreter finds an object's __dict__ and its weak references.

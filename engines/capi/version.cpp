@@ -8,6 +8,9 @@ PyObject* take_raised() noexcept {
   PyObject* type = nullptr;
   PyObject* value = nullptr;
   PyObject* traceback = nullptr;
+  if (PyErr_Occurred() == nullptr) {  // out of memory, some functions of the C API forget it
+    PyErr_SetString(PyExc_SystemError, "a function of the interpreter failed without an error");
+  }
   PyErr_Fetch(&type, &value, &traceback);
   entering([&] {
     PyErr_NormalizeException(&type, &value, &traceback);

@@ -20,13 +20,31 @@ inline unsigned int type_version(PyTypeObject* type) noexcept {
   return PyType_HasFeature(type, Py_TPFLAGS_VALID_VERSION_TAG) ? type->tp_version_tag : 0;
 }
 
-/// Tells one state of a dict from every other state of any dict.
-inline std::uint64_t dict_version(PyObject* dict) noexcept {
-  return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+/// Makes the interpreter give the type a version, as each look-up of an attribute does. This one
+/// neither binds what it finds nor allocates.
+inline void assign_type_version(PyTypeObject* type, PyObject* name) noexcept {
+  _PyType_Lookup(type, name);
 }
 
-/// The attributes of the type itself, borrowed.
-inline PyObject* type_dict(PyTypeObject* type) noexcept { return type->tp_dict; }
+/// Tells one state of a dict from every other state of any dict; 0: not to be told. From CPython
+/// 3.12 on the tag is deprecated, and not every change of the dict changes it.
+inline std::uint64_t dict_version([[maybe_unused]] PyObject* dict) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
+  return reinterpret_cast<PyDictObject*>(dict)->ma_version_tag;
+#else
+  return 0;
+#endif
+}
+
+/// The attributes of the type itself, a new reference. From CPython 3.12 on those of a static type
+/// belong to the interpreter, not to the type.
+inline PyObject* type_dict(PyTypeObject* type) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
+  return Py_NewRef(type->tp_dict);
+#else
+  return PyType_GetDict(type);
+#endif
+}
 
 /// The object's __dict__, a new reference; null with an error set. CPython 3.11 makes the dict as
 /// it is first asked for. If the garbage collector runs just then and asks too, there are two dicts

@@ -11,16 +11,21 @@ const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
   // garbage collector could run; instance_dict() keeps it out.
   const Owned dict = checked([=] { return instance_dict(condition); });
   const std::uint64_t version = dict_version(dict.get());
-  if (parts_.version == version) return &parts_;
-  PyObject* lock = entry_of(dict.get(), state_.name(Name::_lock)).get();
-  PyObject* waiters = entry_of(dict.get(), state_.name(Name::_waiters)).get();
+  if (parts_.version == version && version != 0) return &parts_;
+  Owned lock = entry_of(dict.get(), state_.name(Name::_lock));
+  Owned waiters = entry_of(dict.get(), state_.name(Name::_waiters));
   const bool is_spied = entry_of(dict.get(), state_.name(Name::notify)) ||
                         entry_of(dict.get(), state_.name(Name::notify_all));
-  const bool is_deque = waiters != nullptr &&
-                        reinterpret_cast<PyObject*>(Py_TYPE(waiters)) == state_[Kept::deque_type];
-  parts_ = {.version = version,
-            .lock = lock != nullptr && state_.native_lock(lock) != nullptr ? lock : nullptr,
-            .waiters = is_deque && !is_spied ? waiters : nullptr};
+  // A key with an __eq__ in Python may have changed the dict in between.
+  if (dict_version(dict.get()) != version) return nullptr;
+  const auto type_of = [](const Owned& object) {
+    return object ? reinterpret_cast<PyObject*>(Py_TYPE(object.get())) : nullptr;
+  };
+  if (!lock || state_.native_lock(lock.get()) == nullptr) lock = Owned();
+  if (!waiters || is_spied || type_of(waiters) != state_[Kept::deque_type]) waiters = Owned();
+  parts_.version = version;
+  const Owned lock_before = replace(parts_.lock, std::move(lock));
+  const Owned waiters_before = replace(parts_.waiters, std::move(waiters));
   return &parts_;
 }
 
@@ -38,15 +43,6 @@ void PythonCondition::lock() {
   } catch (RaisedError&) {
     if (!deferred_.must_go_on()) throw;
     deferred_.keep();
-  }
-}
-
-void PythonCondition::unlock() {
-  try {
-    taken_.let_go();
-  } catch (RaisedInterrupt&) {
-    deferred_.keep();  // the guard drops it where an error is on its way already
-    throw;
   }
 }
 

@@ -6,12 +6,13 @@
 namespace decision_bounds::python {
 
 /// What a threading.Condition is made of, as its __dict__ had it at one version. A bound keeps that
-/// beside the attribute, so that as long as the version is the same nothing is looked up. The dict
-/// holds what is named here, and only what is found at its present version is used.
+/// beside the attribute, so that as long as the version is the same nothing is looked up. It holds
+/// references of its own: the interpreter may let the last one of the dict's go, and so run Python
+/// code, before the dict has its new version.
 struct ConditionParts {
   std::uint64_t version;
-  PyObject* lock;     // borrowed; null: not one of the interpreter's own
-  PyObject* waiters;  // borrowed, a deque; null: notify_all must be called
+  PyObject* lock;     // null: not one of the interpreter's own
+  PyObject* waiters;  // a deque; null: notify_all must be called
 };
 
 /// The condition variable of a bound. A threading.Condition that nobody has patched is used through
@@ -26,7 +27,7 @@ class PythonCondition final : public Condition {
       : state_(state), attribute_(attribute), parts_(parts), deferred_(deferred) {}
 
   void lock() override;
-  void unlock() override;
+  void unlock() override { let_go(taken_, deferred_); }
   void wait_for(double seconds) override;
   void notify_all() override;
 

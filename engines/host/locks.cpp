@@ -59,6 +59,15 @@ bool TakenLock::says_owned() const {
   return truth(state_->reentrant_lock.is_owned(lock, (*state_)[Kept::no_arguments]));
 }
 
+void let_go(TakenLock& taken, Deferred& deferred) {
+  try {
+    taken.let_go();
+  } catch (RaisedInterrupt&) {
+    deferred.keep();
+    throw;
+  }
+}
+
 void PythonLock::lock() {
   skipped_ = brief_ && is_free();
   if (!skipped_) taken_.take(state_, lock_.get());

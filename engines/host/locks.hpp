@@ -4,6 +4,7 @@
 // and lives on its stack.
 
 #include "decision_bounds/host.hpp"
+#include "host/deferred.hpp"
 #include "host/state.hpp"
 
 namespace decision_bounds::python {
@@ -37,16 +38,20 @@ class TakenLock {
   Owned is_owned_;                      // null where it cannot tell
 };
 
+/// Lets a lock go at the end of an operation. An interrupt is deferred too: where an error is on
+/// its way already, the guard of the lock would drop it.
+void let_go(TakenLock& taken, Deferred& deferred);
+
 /// The plain lock of a RequestRates.
 class PythonLock final : public Lock {
  public:
   /// `brief`: the operation runs no Python code while it holds the lock. Then the interpreter's own
   /// lock keeps it whole, and a _thread.lock that nobody holds need not be taken.
-  PythonLock(const State& state, Owned lock, bool brief)
-      : state_(state), lock_(std::move(lock)), brief_(brief) {}
+  PythonLock(const State& state, Owned lock, bool brief, Deferred& deferred)
+      : state_(state), lock_(std::move(lock)), brief_(brief), deferred_(deferred) {}
 
   void lock() override;
-  void unlock() override { taken_.let_go(); }
+  void unlock() override { let_go(taken_, deferred_); }
 
   /// Runs `read`, an operation that only reads. Where it ran without taking the lock, and somebody
   /// holds the lock afterwards, it is run again with the lock taken: Python code has run after all.
@@ -65,6 +70,7 @@ class PythonLock final : public Lock {
   Owned lock_;
   bool brief_;
   bool skipped_ = false;
+  Deferred& deferred_;
   TakenLock taken_;
 };
 

@@ -4,21 +4,25 @@ namespace decision_bounds::python {
 
 void KnownType::remember(PyTypeObject* known) {
   type = known;
-  entries = checked([=] { return PyDict_Copy(type_dict(known)); }).release();
+  const Owned own = Owned::steal(type_dict(known));
+  entries = checked([&] { return PyDict_Copy(own.get()); }).release();
   compare();
 }
 
 bool KnownType::compare() {
-  auto* object = reinterpret_cast<PyObject*>(type);
-  // A look-up makes the interpreter give the type a version. It is read before what it stands for.
-  const Owned any = checked([=] { return PyObject_GetAttrString(object, "__init__"); });
-  const unsigned int now = type_version(type);
-  bool found = type->tp_getattro != PyObject_GenericGetAttr;  // a host's own __getattribute__
   PyObject* name = nullptr;
-  PyObject* known = nullptr;
-  for (Py_ssize_t i = 0; PyDict_Next(entries, &i, &name, &known) != 0;) {
-    if (PyCallable_Check(known) == 0) continue;
-    found = found || entry_of(type_dict(type), name).get() != known;
+  PyObject* value = nullptr;
+  Py_ssize_t first = 0;
+  if (PyDict_Next(entries, &first, &name, &value) != 0) assign_type_version(type, name);
+  const unsigned int now = type_version(type);  // read before what it stands for
+  const Owned own = Owned::steal(type_dict(type));
+  bool found = type->tp_getattro != PyObject_GenericGetAttr;  // a host's own __getattribute__
+  for (Py_ssize_t i = 0; PyDict_Next(entries, &i, &name, &value) != 0;) {
+    found = found || (PyCallable_Check(value) != 0 && entry_of(own.get(), name).get() != value);
+  }
+  for (Py_ssize_t i = 0; PyDict_Next(own.get(), &i, &name, &value) != 0;) {
+    // A new data descriptor takes precedence over the attributes of an object.
+    found = found || (Py_TYPE(value)->tp_descr_set != nullptr && !entry_of(entries, name));
   }
   version = now;
   patched = found;

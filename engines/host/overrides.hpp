@@ -32,9 +32,9 @@ inline bool is_patched(KnownType& known) {
 /// Whether no step of `object` can have been overridden: it is of the very type, which nobody has
 /// patched, and has no attribute of its own.
 inline bool is_untouched(PyObject* object, KnownType& known) {
+  if (Py_TYPE(object) != known.type || is_patched(known)) return false;
   PyObject* dict = reinterpret_cast<ObjectHead*>(object)->dict;
-  return Py_TYPE(object) == known.type && !is_patched(known) &&
-         (dict == nullptr || PyDict_GET_SIZE(dict) == 0);
+  return dict == nullptr || PyDict_GET_SIZE(dict) == 0;
 }
 
 /// Looks the method `name` of `self` up; null where it is the module's own.

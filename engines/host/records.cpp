@@ -32,7 +32,7 @@ void PythonHeld::give_back(double share) {
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   bool called = false;
   deferred_.complete([&] {
-    if (called && (record == nullptr || record->holders < holders)) return;
+    if (called && (holders == 0 || record->holders < holders)) return;
     called = true;
     call(step.get(), as_object(share).get());
   });

@@ -15,8 +15,9 @@ void NativeLock::remember(const Owned& lock, const char* name) {
       !PyType_HasFeature(found, Py_TPFLAGS_IMMUTABLETYPE)) {
     return;
   }
+  const Owned own = Owned::steal(type_dict(found));
   const auto method = [&](const char* of) {
-    PyObject* entry = PyDict_GetItemString(type_dict(found), of);
+    PyObject* entry = PyDict_GetItemString(own.get(), of);
     return entry != nullptr ? NativeMethod(definition_of(entry)) : NativeMethod();
   };
   acquire = method("acquire");

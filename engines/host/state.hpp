@@ -36,7 +36,7 @@ enum class Kept : std::size_t {
   new_condition,  // threading.Condition as it was at the import
   new_lock,       // and threading.Lock
   partial,        // functools.partial
-  deque_type,     // collections.deque
+  deque_type,     // collections.deque; null where something else stood in its place
   no_arguments,   // an empty tuple; null once the garbage collector has cleared the state
   count
 };

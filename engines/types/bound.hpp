@@ -19,6 +19,14 @@ class BoundOperation {
     deferred_.run([&] { operation(PyFloat_AS_DOUBLE(amount)); });
   }
 
+  /// Runs an operation that answers something, likewise.
+  template <class Operation>
+  auto answer_of(Operation operation) {
+    decltype(operation()) answer{};
+    deferred_.run([&] { answer = operation(); });
+    return answer;
+  }
+
  protected:
   BoundOperation(State& state, KnownType& known, Locking locking, const Attribute& changed,
                  ConditionParts& parts, const Attribute& held)

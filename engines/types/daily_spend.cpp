@@ -20,7 +20,9 @@ constexpr Field spend_fields[] = {
     object_field("_held", DECISION_BOUNDS_PLACE(DailySpendObject, held), check_held, new_held),
     {"_day", DECISION_BOUNDS_PLACE(DailySpendObject, account.day)},
     {"_cost", DECISION_BOUNDS_PLACE(DailySpendObject, account.cost)},
-    {"_capped", DECISION_BOUNDS_PLACE(DailySpendObject, account.capped)}};
+    {"_capped", DECISION_BOUNDS_PLACE(DailySpendObject, account.capped)},
+    {nullptr, DECISION_BOUNDS_PLACE(DailySpendObject, changed_parts.lock)},
+    {nullptr, DECISION_BOUNDS_PLACE(DailySpendObject, changed_parts.waiters)}};
 
 PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
   PyObject* self = entering([=] { return type->tp_alloc(type, 0); });
@@ -102,7 +104,8 @@ namespace {
 
 Owned spent(State& state, DailySpendObject& self, const Arguments& arguments) {
   take_none("spent", arguments);
-  return to_python(SpendOperation(state, self).spent());
+  SpendOperation spend(state, self);
+  return to_python(spend.answer_of([&] { return spend.spent(); }));
 }
 
 Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
@@ -117,7 +120,9 @@ Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
 Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"charge", {"reply"}};
   PyObject* reply = as_reply(parameters.sorted(arguments)[0], "reply");
-  SpendOperation(state, self).charge(PythonReply(state, reply));
+  const PythonReply paid(state, reply);
+  SpendOperation spend(state, self);
+  spend.answer_of([&] { return spend.charge(paid), true; });
   return none();
 }
 

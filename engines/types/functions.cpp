@@ -49,7 +49,7 @@ Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS
   std::optional<double> end;
   if (deadline != nullptr && deadline != Py_None) end = as_double(deadline, "deadline");
   PyObject* field = nullptr;
-  ConditionParts parts{};
+  ConditionParts parts{};  // stays empty: the condition is only waited on
   Deferred deferred(Locking::may_fail);
   PythonCondition condition(state, {nullptr, field, "changed"}, parts, deferred);
   condition.adopt(changed);

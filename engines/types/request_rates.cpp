@@ -62,20 +62,29 @@ class PythonFeatures {
 class RatesOperation {
  public:
   RatesOperation(State& state, RequestRatesObject& self, PyObject* feature, bool brief)
-      : features(Attribute{object_of(self), self.features, "_features"}.get(), feature),
+      : features_(Attribute{object_of(self), self.features, "_features"}.get(), feature),
         cost_(state, Attribute{object_of(self), self.cost, "_cost"}.get()),
         tokens_(state, Attribute{object_of(self), self.tokens, "_tokens"}.get()),
-        lock(state, Attribute{object_of(self), self.lock, "_lock"}.get(),
-             brief && cost_.is_native() && tokens_.is_native()) {}
+        lock_(state, Attribute{object_of(self), self.lock, "_lock"}.get(),
+              brief && cost_.is_native() && tokens_.is_native(), deferred_) {}
 
-  PythonFeatures features;
+  /// What `read` says of the rules.
+  template <class Read>
+  double reading(Read read) {
+    double answer = 0.0;
+    deferred_.run([&] { answer = lock_.reading([&] { return read(rules_, features_); }); });
+    return answer;
+  }
+  void learn(std::int64_t size, const PythonReply& reply) {
+    deferred_.run([&] { rules_.learn(size, features_, reply); });
+  }
 
  private:
+  Deferred deferred_{Locking::may_fail};
+  PythonFeatures features_;
   PythonCharges cost_, tokens_;
-
- public:
-  PythonLock lock;
-  internal::RequestRatesRules<PythonCharges, PythonFeatures> rules{lock, cost_, tokens_};
+  PythonLock lock_;
+  internal::RequestRatesRules<PythonCharges, PythonFeatures> rules_{lock_, cost_, tokens_};
 };
 
 /// Features are told apart as exact strings, whatever a subclass of str says of equality.
@@ -92,14 +101,16 @@ Owned cost(State& state, RequestRatesObject& self, const Arguments& arguments) {
   const std::int64_t bytes = as_int64(size, "size");
   const Owned text = as_feature(feature);
   RatesOperation rates(state, self, text.get(), true);
-  return to_python(rates.lock.reading([&] { return rates.rules.cost(bytes, rates.features); }));
+  return to_python(
+      rates.reading([&](auto& rules, auto& features) { return rules.cost(bytes, features); }));
 }
 
 Owned tokens(State& state, RequestRatesObject& self, const Arguments& arguments) {
   constexpr Parameters<1> parameters{"tokens", {"size"}};
   const std::int64_t bytes = as_int64(parameters.sorted(arguments)[0], "size");
   RatesOperation rates(state, self, nullptr, true);
-  return to_python(rates.lock.reading([&] { return rates.rules.tokens(bytes, rates.features); }));
+  return to_python(
+      rates.reading([&](auto& rules, auto& features) { return rules.tokens(bytes, features); }));
 }
 
 Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) {
@@ -109,7 +120,7 @@ Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) 
   const Owned text = as_feature(feature);
   const PythonReply paid(state, as_reply(reply, "reply"));
   RatesOperation rates(state, self, text.get(), false);
-  rates.rules.learn(bytes, rates.features, paid);
+  rates.learn(bytes, paid);
   return none();
 }
 

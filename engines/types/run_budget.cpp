@@ -28,7 +28,9 @@ constexpr Field budget_fields[] = {
     object_field("_held_tokens", DECISION_BOUNDS_PLACE(RunBudgetObject, held_tokens), check_held,
                  new_held, "_held_tokens"),
     object_field("_changed", DECISION_BOUNDS_PLACE(RunBudgetObject, changed), check_condition,
-                 new_condition, "_changed")};
+                 new_condition, "_changed"),
+    {nullptr, DECISION_BOUNDS_PLACE(RunBudgetObject, changed_parts.lock)},
+    {nullptr, DECISION_BOUNDS_PLACE(RunBudgetObject, changed_parts.waiters)}};
 
 // ---- the share of a pass ----
 
@@ -66,7 +68,8 @@ Owned stopping(State& state, RunBudgetObject& self, const Arguments& arguments) 
 
 Owned exhausted(State& state, RunBudgetObject& self, const Arguments& arguments) {
   take_none("exhausted", arguments);
-  return to_bool(BudgetOperation(state, self).exhausted());
+  BudgetOperation budget(state, self);
+  return to_bool(budget.answer_of([&] { return budget.exhausted(); }));
 }
 
 Owned exhausted_locked(State& state, RunBudgetObject& self,
@@ -77,7 +80,8 @@ Owned exhausted_locked(State& state, RunBudgetObject& self,
 
 Owned summary(State& state, RunBudgetObject& self, const Arguments& arguments) {
   take_none("summary", arguments);
-  return BudgetOperation(state, self).summary();
+  BudgetOperation budget(state, self);
+  return budget.answer_of([&] { return budget.summary(); });
 }
 
 Owned summary_locked(State& state, RunBudgetObject& self, const Arguments& arguments) {
