@@ -37,6 +37,7 @@ REFUSED = [
     ("spend.admit", call(float, deadline=None, clock=float, stopping=None), "stopping"),
     ("rates.cost", call(1.5, "f"), "size"), ("rates.learn", call(2**63, "f", Reply()), "size"),
     ("rates.learn", call(1, b"f", Reply()), "feature"), ("share.settle", call(), "reply"),
+    ("bounds.Share", call(print, more=1), "more"),
 ]  # fmt: skip
 
 
@@ -120,6 +121,11 @@ def test_a_wrong_argument_is_named_and_changes_nothing(path, arguments, named):
         getattr(locals().get(target, bounds), step)(*arguments.args, **arguments.kwargs)
     assert budget == made("RunBudget") and budget._held_tokens == spend._held == bounds._Held()
     assert (spend._cap, spend._cost, rates._features) == (10.0, 0.0, set())
+
+
+def test_a_keyword_that_is_no_str_is_refused():
+    with pytest.raises(TypeError, match="keywords must be strings"):
+        bounds.RunBudget(**{1: 2})
 
 
 @pytest.mark.parametrize("manner", ["type", "subclass"])
