@@ -3,7 +3,6 @@
 // Numbers and texts between Python and C++. `what` names the value in the error.
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "capi/calls.hpp"

@@ -31,6 +31,8 @@ void PythonHeld::give_back(double share) {
   if (!step) return record->give_back(share);
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   bool called = false;
+  // Called again only where the record says that nothing was given back; with no holders, or no
+  // record, nothing can say so, and to give back twice would let in calls that have no room.
   deferred_.complete([&] {
     if (called && (holders == 0 || record->holders < holders)) return;
     called = true;
