@@ -190,6 +190,8 @@ void free_module(void* module) {
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(reinterpret_cast<void (*)()>(execute_slot))},
+    interpreters_slot,
+    lock_slot,
     {0, nullptr}};
 
 }  // namespace

@@ -124,7 +124,7 @@ def admit(bound, amount=1.0, *, deadline=None, clock=lambda: 0.0, stopping=bound
     return bound.admit(ask, deadline=deadline, clock=clock, stopping=stopping)
 
 
-def in_thread(function, *arguments):
+def in_thread(function, *arguments, daemon=True):
     """Starts a call on a thread of its own; the future of what it returns or raises."""
     future = Future()
 
@@ -134,7 +134,7 @@ def in_thread(function, *arguments):
         except BaseException as error:
             future.set_exception(error)
 
-    threading.Thread(target=run, daemon=True).start()
+    threading.Thread(target=run, daemon=daemon).start()
     return future
 
 

@@ -32,6 +32,9 @@ class PythonLock:
     def release(self, *error):
         self.inner.release()
 
+    def locked(self):
+        return self.inner.locked()
+
     __enter__, __exit__ = acquire, release
 
 

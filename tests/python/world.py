@@ -26,6 +26,9 @@ class World:
         self.put_locks_in(kind.condition, kind.lock)
         polls = cycle((False, False, True))
         self.stop = lambda: next(polls)
+        # Made here: without memory, CPython 3.12.1 and 3.13.0 crash as they make a function.
+        self.ends = {"deadline": 1.0, "clock": lambda: 0.0, "stopping": self.stop}
+        self.dear, self.unknown = lambda: 700.5, lambda: INFINITY
         # nor any dict or float: all that there was to reuse are in use
         self.in_use = [{} for _ in range(100)], [number / 3 for number in range(200)]
 
@@ -33,9 +36,8 @@ class World:
         self.locks += (condition(), condition(), lock())  # the list keeps those that are replaced
         self.budget._changed, self.spend._changed, self.rates._lock = self.locks[-3:]
 
-    def admit(self, amount):
-        ends = {"deadline": 1.0, "clock": lambda: 0.0, "stopping": self.stop}
-        return self.spend.admit(lambda: amount, **ends)
+    def admit(self, bound):
+        return self.spend.admit(bound, **self.ends)
 
     def hold_and_wait(self):
         self.budget.should_stop = self.stop
@@ -68,7 +70,7 @@ LOCKED = GIVE_BACKS | {
     "summary": lambda w: w.budget.summary(), "exhausted": lambda w: w.budget.exhausted(),
     "charge a pass": lambda w: w.budget.charge(w.reply),
     "charge a pass for 0.0": lambda w: w.budget.charge(w.reply, 0.0),
-    "admit": lambda w: w.admit(700.5), "admit and wait": lambda w: w.admit(INFINITY),
+    "admit": lambda w: w.admit(w.dear), "admit and wait": lambda w: w.admit(w.unknown),
     "spent": lambda w: w.spend.spent(), "charge a day": lambda w: w.spend.charge(w.reply),
     "learn": lambda w: w.rates.learn(300, "another", w.reply),
     "cost": lambda w: w.rates.cost(300, "feature"), "tokens": lambda w: w.rates.tokens(300),
