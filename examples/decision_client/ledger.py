@@ -20,7 +20,7 @@ CREATE TABLE IF NOT EXISTS payments (
 CREATE INDEX IF NOT EXISTS payments_by_time ON payments (paid_at);
 CREATE TABLE IF NOT EXISTS answers (key TEXT PRIMARY KEY, decision TEXT NOT NULL) WITHOUT ROWID;
 """
-OF_DAY = "paid_at >= ?1 AND paid_at < date(?1, '+1 day')"
+OF_DAY = "paid_at >= :day AND paid_at < date(:day, '+1 day')"
 
 
 def utc_now() -> datetime:
@@ -57,7 +57,7 @@ class Ledger:
         """US dollars that the payments of one UTC day ("YYYY-MM-DD") came to."""
         query = f"SELECT TOTAL(cost) FROM payments WHERE {OF_DAY}"
         with self._lock:
-            return float(self._file.execute(query, (day,)).fetchone()[0])
+            return float(self._file.execute(query, {"day": day}).fetchone()[0])
 
     def payments_of(self, day: str) -> list[tuple[str, str, int, float]]:
         """The payments of one UTC day as (feature, kind, how many, US dollars), dearest first."""
@@ -66,7 +66,7 @@ class Ledger:
             WHERE {OF_DAY} GROUP BY feature, kind ORDER BY SUM(cost) DESC
         """
         with self._lock:
-            return self._file.execute(query, (day,)).fetchall()
+            return self._file.execute(query, {"day": day}).fetchall()
 
     def find(self, request: Request) -> DecisionResult | None:
         """The cached answer to a request, which costs nothing; none when it was never answered."""
