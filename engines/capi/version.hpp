@@ -14,8 +14,8 @@ namespace decision_bounds::python {
 // ---- versions of attributes ----
 
 /// Tells one state of a type's attributes, its bases' included, from every other; 0: not to be
-/// told. The interpreter sets the tag to 0 with each change, and gives a new one as it next looks an
-/// attribute up. (CPython 3.13 and later do so for the first 1,000 changes of a type alone.)
+/// told. The interpreter sets the tag to 0 with each change, and gives a new one as it next looks
+/// an attribute up. (CPython 3.13 and later do so for the first 1,000 changes of a type alone.)
 inline unsigned int type_version(PyTypeObject* type) noexcept { return type->tp_version_tag; }
 
 /// Makes the interpreter give the type a version, as each look-up of an attribute does. This one
@@ -46,25 +46,30 @@ inline PyObject* type_dict(PyTypeObject* type) noexcept {
 
 /// The object's __dict__, a new reference; null with an error set. CPython 3.11 makes the dict as
 /// it is first asked for. If the garbage collector runs just then and asks too, there are two dicts
-/// over the same values, which are freed twice; so it is kept out.
+/// over the same values, which are freed twice; so it is kept out. (Later versions collect between
+/// two steps of Python code only.)
 inline PyObject* instance_dict(PyObject* object) noexcept {
+#if PY_VERSION_HEX < 0x030C0000
   const bool collects = PyGC_Disable() != 0;
   PyObject* dict = PyObject_GenericGetDict(object, nullptr);
   if (collects) PyGC_Enable();
   return dict;
+#else
+  return PyObject_GenericGetDict(object, nullptr);
+#endif
 }
 
 // ---- interpreters ----
 
 // Several interpreters may use the module, each with a lock of its own, since its memory belongs to
-// an interpreter. In each, that lock keeps the objects whole, so a free-threaded build must turn its
-// lock on when it imports the module. CPython 3.11 knows no such slots: there the first ends their
-// list.
+// an interpreter. In each, that lock keeps the objects whole, so a free-threaded build must turn
+// its lock on when it imports the module. CPython 3.11 knows no such slots: there the first ends
+// their list.
 #if PY_VERSION_HEX < 0x030C0000
 inline const PyModuleDef_Slot interpreters_slot = {0, nullptr};
 #else
 inline const PyModuleDef_Slot interpreters_slot = {Py_mod_multiple_interpreters,
-                                                       Py_MOD_PER_INTERPRETER_GIL_SUPPORTED};
+                                                   Py_MOD_PER_INTERPRETER_GIL_SUPPORTED};
 #endif
 #if PY_VERSION_HEX < 0x030D0000
 inline const PyModuleDef_Slot lock_slot = {0, nullptr};

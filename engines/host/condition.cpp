@@ -4,7 +4,7 @@
 
 namespace decision_bounds::python {
 
-const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
+const ConditionParts* PythonCondition::parts_of(PyObject* condition, Part wanted) {
   if (Py_TYPE(condition) != state_[Known::condition].type || is_patched(state_[Known::condition]))
     return nullptr;
   // Asked for each time: a host may replace the whole __dict__. What makes it allocates, so the
@@ -12,17 +12,22 @@ const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
   const Owned dict = checked([=] { return instance_dict(condition); });
   const std::uint64_t version = dict_version(dict.get());
   if (parts_.version == version && version != 0) return &parts_;
-  Owned lock = entry_of(dict.get(), state_.name(Name::_lock));
-  Owned waiters = entry_of(dict.get(), state_.name(Name::_waiters));
-  const bool is_spied = entry_of(dict.get(), state_.name(Name::notify)) ||
-                        entry_of(dict.get(), state_.name(Name::notify_all));
+  const auto entry = [&](Name name) { return entry_of(dict.get(), state_.name(name)); };
+  Owned lock;
+  Owned waiters;
+  if (wanted == Part::lock || version != 0) {
+    lock = entry(Name::_lock);
+    if (!lock || state_.native_lock(lock.get()) == nullptr) lock = Owned();
+  }
+  if (wanted == Part::waiters || version != 0) {
+    waiters = entry(Name::_waiters);
+    const bool is_spied = entry(Name::notify) || entry(Name::notify_all);
+    const bool is_deque =
+        waiters && reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) == state_[Kept::deque_type];
+    if (!is_deque || is_spied) waiters = Owned();
+  }
   // A key with an __eq__ in Python may have changed the dict in between.
   if (dict_version(dict.get()) != version) return nullptr;
-  const auto type_of = [](const Owned& object) {
-    return object ? reinterpret_cast<PyObject*>(Py_TYPE(object.get())) : nullptr;
-  };
-  if (!lock || state_.native_lock(lock.get()) == nullptr) lock = Owned();
-  if (!waiters || is_spied || type_of(waiters) != state_[Kept::deque_type]) waiters = Owned();
   parts_.version = version;
   const Owned lock_before = replace(parts_.lock, std::move(lock));
   const Owned waiters_before = replace(parts_.waiters, std::move(waiters));
@@ -34,7 +39,7 @@ void PythonCondition::lock() {
     // From copies: while the lock is waited for, other threads and signal handlers run, and may
     // replace the attribute or the condition's own lock.
     condition_ = attribute_.get();
-    const ConditionParts* parts = parts_of(condition_.get());
+    const ConditionParts* parts = parts_of(condition_.get(), Part::lock);
     taken_.take(state_,
                 parts != nullptr && parts->lock != nullptr ? parts->lock : condition_.get());
   };
@@ -54,7 +59,7 @@ void PythonCondition::wait_for(double seconds) {
 void PythonCondition::notify_all() {
   if (!taken_.is_held()) return;  // it went on without the lock; waiters look again by themselves
   const auto wake = [this] {
-    const ConditionParts* parts = parts_of(condition_.get());
+    const ConditionParts* parts = parts_of(condition_.get(), Part::waiters);
     const bool nobody_waits =
         parts != nullptr && parts->waiters != nullptr && PyObject_Size(parts->waiters) == 0;
     if (!nobody_waits) call_method(condition_.get(), state_.name(Name::notify_all));

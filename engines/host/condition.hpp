@@ -6,9 +6,10 @@
 namespace decision_bounds::python {
 
 /// What a threading.Condition is made of, as its __dict__ had it at one version. A bound keeps that
-/// beside the attribute, so that as long as the version is the same nothing is looked up. It holds
-/// references of its own: the interpreter may let the last one of the dict's go, and so run Python
-/// code, before the dict has its new version.
+/// beside the attribute, so that as long as the version is the same nothing is looked up. (Where
+/// dicts have no version, each use looks up what it wants.) It holds references of its own: the
+/// interpreter may let the last one of the dict's go, and so run Python code, before the dict has
+/// its new version.
 struct ConditionParts {
   std::uint64_t version;
   PyObject* lock;     // null: not one of the interpreter's own
@@ -37,8 +38,10 @@ class PythonCondition final : public Condition {
   [[nodiscard]] PyObject* object() const noexcept { return condition_.get(); }
 
  private:
-  /// What `condition` is made of, where it is a threading.Condition that nobody has patched.
-  const ConditionParts* parts_of(PyObject* condition);
+  enum class Part { lock, waiters };
+  /// The part of `condition` that is wanted, where it is a threading.Condition that nobody has
+  /// patched. Where a dict has a version, both parts are looked up, to be kept.
+  const ConditionParts* parts_of(PyObject* condition, Part wanted);
 
   State& state_;
   Attribute attribute_;
