@@ -308,7 +308,8 @@ class RunBudget:
     def hold(self, tokens: float) -> Share:
         """Admits one paid call as reserve(tokens) does, and returns its Share.
 
-        Settled with a reply it charges it, settled with None it releases the call.
+        Settled with a reply it charges it, settled with None it releases the call. Blocks the
+        thread while it waits for room, so it never belongs on an event loop.
         """
     def release(self, tokens: float = 0.0) -> None:
         """Gives back the slot and the tokens of a call that ended without a paid reply.
@@ -378,8 +379,9 @@ class DailySpend:
         clock: a function that gives the time in seconds, and never goes back.
         stopping: a function that says whether the call's pass is stopping.
 
-        Blocks as spent() does, and while the calls in flight hold the rest of the cap. A call
-        that is admitted or refused at once looks at neither the deadline nor stopping. Raises
+        Blocks as spent() does, and while the calls in flight hold the rest of the cap. It
+        blocks the thread that calls it, so it never belongs on an event loop. A call that is
+        admitted or refused at once looks at neither the deadline nor stopping. Raises
         DecisionBudgetExceeded when the settled calls of today cost the cap (the day's first
         refusal is logged), DecisionTimeout when the deadline passes, DecisionStopped when the
         pass stops (seen within 0.1 s); what the functions raise propagates. Then nothing is
