@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
 #include "decision_bounds/share.hpp"
@@ -34,7 +35,7 @@ using Clock = std::function<double()>;
 /// account themselves; but the day begins when the ledger has answered, so a ledger that asks for
 /// the day's spend is asked again, and must see to it that this ends. A settlement happens before
 /// the admission that it makes room for, so the admitted call sees what the settling one wrote.
-class DailySpend {
+class DECISION_BOUNDS_API DailySpend {
  public:
   /// `cap`: US dollars that the paid calls of one day may cost; every call is refused where it is
   /// not above what the day has cost, NaN included. Throws std::invalid_argument when
@@ -65,7 +66,7 @@ class DailySpend {
   void charge(const PaidReply& reply);
 
  private:
-  struct State;
+  struct DECISION_BOUNDS_HIDDEN State;
   std::unique_ptr<State> state_;
 };
 

@@ -11,3 +11,4 @@
 #include "decision_bounds/share.hpp"
 #include "decision_bounds/std_host.hpp"
 #include "decision_bounds/stop_signal.hpp"
+#include "decision_bounds/version.hpp"

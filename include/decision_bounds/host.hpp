@@ -9,12 +9,13 @@
 #include <string_view>
 #include <variant>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/thread_annotations.hpp"
 
 namespace decision_bounds {
 
 /// A mutual-exclusion lock; it need not be re-entrant. Any thread may call it.
-class DECISION_BOUNDS_CAPABILITY("lock") Lock {
+class DECISION_BOUNDS_TYPE DECISION_BOUNDS_CAPABILITY("lock") Lock {
  public:
   Lock() = default;
   Lock(const Lock&) = delete;  // a lock is known by its address
@@ -29,7 +30,7 @@ class DECISION_BOUNDS_CAPABILITY("lock") Lock {
 /// again, and holds it until it has let it go as often. Any thread may call it. A lock() that
 /// throws while a share is given back would lose what the share held: an implementation whose lock
 /// can fail must see to that itself.
-class DECISION_BOUNDS_CAPABILITY("condition") Condition {
+class DECISION_BOUNDS_TYPE DECISION_BOUNDS_CAPABILITY("condition") Condition {
  public:
   Condition() = default;
   Condition(const Condition&) = delete;  // waiters know it by its address
@@ -52,7 +53,7 @@ class DECISION_BOUNDS_CAPABILITY("condition") Condition {
 using LogArgument = std::variant<std::string_view, double>;
 
 /// Where warnings go. The library calls it from any thread, sometimes with a bound's lock held.
-class Logger {
+class DECISION_BOUNDS_TYPE Logger {
  public:
   Logger() = default;
   Logger(const Logger&) = delete;

@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "decision_bounds/export.hpp"
+
 namespace decision_bounds {
 
 /// How a bound reads a reply of the decision endpoint. The client's own reply type implements it;
@@ -10,7 +12,7 @@ namespace decision_bounds {
 /// plain one. Costs and counts are added up as they are, negative ones and NaN too. Where the
 /// library takes a `const PaidReply*`, nullptr means that the call was not paid: it ended in an
 /// error, a stop or an interrupt.
-class PaidReply {
+class DECISION_BOUNDS_TYPE PaidReply {
  public:
   virtual ~PaidReply() = default;
 

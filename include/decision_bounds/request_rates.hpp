@@ -4,6 +4,7 @@
 #include <memory>
 #include <string_view>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
 
@@ -12,7 +13,7 @@ namespace decision_bounds {
 /// The most that a request may cost, or use of input tokens, before its reply says: learned from
 /// the paid replies so far. Any thread may call any operation; each holds the object's lock for its
 /// whole body. Sizes are in bytes; a size below 1 learns like a size of 1.
-class RequestRates {
+class DECISION_BOUNDS_API RequestRates {
  public:
   /// Uses a StdLock when `lock` is null.
   explicit RequestRates(std::unique_ptr<Lock> lock = nullptr);
@@ -33,7 +34,7 @@ class RequestRates {
   void learn(std::int64_t size, std::string_view feature, const PaidReply& reply);
 
  private:
-  struct State;
+  struct DECISION_BOUNDS_HIDDEN State;
   std::unique_ptr<State> state_;
 };
 

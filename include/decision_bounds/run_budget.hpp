@@ -7,6 +7,7 @@
 #include <string_view>
 #include <variant>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/host.hpp"
 #include "decision_bounds/paid_reply.hpp"
 #include "decision_bounds/share.hpp"
@@ -29,7 +30,8 @@ struct RunCounts {
 };
 
 /// "RunBudget(max_calls=2, ...)": every field as name=value, whatever the locale.
-std::string to_string(const RunCounts& counts, std::string_view name = "RunBudget");
+DECISION_BOUNDS_API std::string to_string(const RunCounts& counts,
+                                          std::string_view name = "RunBudget");
 
 /// One entry of a pass's summary; US dollars are rounded to 6 decimals.
 struct SummaryEntry {
@@ -42,16 +44,16 @@ struct SummaryEntry {
 using RunSummary = std::array<SummaryEntry, 6>;
 
 /// The summary of a pass with these counts.
-RunSummary summary_of(const RunCounts& counts);
+DECISION_BOUNDS_API RunSummary summary_of(const RunCounts& counts);
 
 /// "{'calls': 2, ...}", as it stands in the message of a refusal.
-std::string to_string(const RunSummary& summary);
+DECISION_BOUNDS_API std::string to_string(const RunSummary& summary);
 
 /// The bound of one batch pass: so many paid calls, so many input tokens, and a stop signal. Any
 /// thread may call any operation; all but stopping block for the budget's lock. Callers that wait
 /// for room are admitted in no set order. A settlement happens before the admission that it makes
 /// room for, so the admitted call sees what the settling one wrote.
-class RunBudget {
+class DECISION_BOUNDS_API RunBudget {
  public:
   /// A new pass. Throws std::invalid_argument when `should_stop` is empty. Uses a StdCondition when
   /// `changed` is null.
@@ -93,7 +95,7 @@ class RunBudget {
   [[nodiscard]] RunCounts counts();
 
  private:
-  struct State;
+  struct DECISION_BOUNDS_HIDDEN State;
   std::unique_ptr<State> state_;
 };
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <functional>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/paid_reply.hpp"
 
 namespace decision_bounds {
@@ -19,7 +20,7 @@ namespace decision_bounds {
 /// share is not safe while another thread uses it; the share that was moved from holds nothing. The
 /// destructor may throw, which standard containers, smart pointers, std::optional and a destructor
 /// that has a share as a local variable do not allow: settle such a share before it goes.
-class [[nodiscard]] Share {
+class [[nodiscard]] DECISION_BOUNDS_API Share {
  public:
   /// Gives the held amount back to the bound, counting the reply if there is one.
   using GiveBack = std::function<void(const PaidReply*)>;

@@ -8,12 +8,13 @@
 #include <mutex>
 #include <thread>
 
+#include "decision_bounds/export.hpp"
 #include "decision_bounds/host.hpp"
 
 namespace decision_bounds {
 
 /// A Lock over std::mutex.
-class StdLock final : public Lock {
+class DECISION_BOUNDS_TYPE StdLock final : public Lock {
  public:
   void lock() override DECISION_BOUNDS_NO_ANALYSIS { mutex_.lock(); }
   void unlock() override DECISION_BOUNDS_NO_ANALYSIS { mutex_.unlock(); }
@@ -24,7 +25,7 @@ class StdLock final : public Lock {
 
 /// A Condition over std::mutex and std::condition_variable. Waits on the steady clock. A thread
 /// must not be cancelled (pthread_cancel) while it uses one.
-class StdCondition final : public Condition {
+class DECISION_BOUNDS_API StdCondition final : public Condition {
  public:
   void lock() override;
   void unlock() override;
@@ -41,7 +42,7 @@ class StdCondition final : public Condition {
 
 /// A Logger that writes each warning as one line to standard error, with the absorbed error's text
 /// behind it. Numbers are written with a decimal point whatever the locale.
-class StdLogger final : public Logger {
+class DECISION_BOUNDS_API StdLogger final : public Logger {
  public:
   void warning(std::string_view format, std::span<const LogArgument> arguments,
                std::exception_ptr error) override;
