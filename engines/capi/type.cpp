@@ -8,7 +8,7 @@ int traverse_fields(PyObject* self, Fields fields, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(reinterpret_cast<ObjectHead*>(self)->dict);
   for (const Field& field : fields) {
-    if (field.place.kind == Kind::object) Py_VISIT(field.in<PyObject*>(self));
+    if (field.place.plain == nullptr) Py_VISIT(field.object_in(self));
   }
   return 0;
 }
@@ -16,7 +16,7 @@ int traverse_fields(PyObject* self, Fields fields, visitproc visit, void* arg) {
 void clear_fields(PyObject* self, Fields fields) noexcept {
   clear(reinterpret_cast<ObjectHead*>(self)->dict);
   for (const Field& field : fields) {
-    if (field.place.kind == Kind::object) clear(field.in<PyObject*>(self));
+    if (field.place.plain == nullptr) clear(field.object_in(self));
   }
 }
 
@@ -37,7 +37,7 @@ PyTypeObject* make_type(PyObject* module, PyType_Spec& spec) {
 
 std::string type_name(PyObject* object) {
   const Owned name = checked([=] { return PyType_GetQualName(Py_TYPE(object)); });
-  return as_string(name.get(), "the type's name");
+  return as<std::string>(name.get(), "the type's name");
 }
 
 }  // namespace decision_bounds::python

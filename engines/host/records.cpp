@@ -43,7 +43,7 @@ void PythonHeld::give_back(double share) {
 double PythonCharges::bound(std::int64_t size) const {
   const Owned step = this->step(Name::bound);
   if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->bound(size);
-  return as_double(call(step.get(), to_python(size).get()).get(), "bound()");
+  return as<double>(call(step.get(), to_python(size).get()).get(), "bound()");
 }
 
 void PythonCharges::learn(std::int64_t size, double charge) {

@@ -14,15 +14,11 @@ namespace decision_bounds::python {
 struct HeldObject {
   ObjectHead head;
   internal::Held record;
-  static constexpr const char* name = "_Held";
-  static const Fields fields;
 };
 
 struct ChargesObject {
   ObjectHead head;
   internal::Charges record;
-  static constexpr const char* name = "_Charges";
-  static const Fields fields;
 };
 
 /// The record of the module's own in `object`, of the type `known` or one derived from it; null

@@ -54,7 +54,7 @@ Owned global(const State& state, Name name, PyObject* fallback) {
 
 double poll_seconds(const State& state) {
   const Owned fallback = to_python(internal::poll_s);
-  return as_double(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
+  return as<double>(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
 }
 
 }  // namespace decision_bounds::python

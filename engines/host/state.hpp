@@ -24,9 +24,7 @@ struct NativeLock {
 
 /// The objects that the module's state refers to, by what they are.
 enum class Kept : std::size_t {
-  decision_error,
   budget_exceeded,
-  unavailable,
   timeout,
   stopped,
   never,

@@ -54,10 +54,8 @@ class BoundOperation {
   PythonHeld amounts_;
 };
 
-inline Owned new_condition(PyObject* module) {
-  return call(module_state(module)[Kept::new_condition]);
-}
+inline Owned new_condition(PyObject* self) { return call(state_of(self)[Kept::new_condition]); }
 
-inline Owned new_held(PyObject* module) { return call(module_state(module).type(Known::held)); }
+inline Owned new_held(PyObject* self) { return call(state_of(self).type(Known::held)); }
 
 }  // namespace decision_bounds::python

@@ -11,8 +11,6 @@ struct RunBudgetObject {
   RunCounts counts;
   PyObject *should_stop, *held_tokens, *changed;
   ConditionParts changed_parts;
-  static constexpr const char* name = "RunBudget";
-  static const Fields fields;
 };
 
 inline bool should_stop(const State& state, const RunBudgetObject& self) {
@@ -59,7 +57,8 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
     const Owned step = override_of(Name::_summary_locked);
     if (!step) return RunBudgetRules::printed_summary_locked();
     const Owned summary = call(step.get());
-    return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
+    return as<std::string>(checked([&] { return PyObject_Str(summary.get()); }).get(),
+                           "the summary");
   }
 
   double poll_seconds() override { return python::poll_seconds(state_); }
