@@ -1,5 +1,7 @@
 // The module: the steps that its import runs, and its memory.
 
+#include <algorithm>
+
 #include "python_sources.hpp"
 #include "types/method.hpp"
 #include "waiting.hpp"
@@ -36,9 +38,7 @@ void intern_names(State& state) {
   const auto interned = [](const std::string& text) {
     return checked([&] { return PyUnicode_InternFromString(text.c_str()); }).release();
   };
-  for (std::size_t i = 0; i < state.names.size(); ++i) {
-    state.names[i] = interned(text_of(static_cast<Name>(i)));
-  }
+  std::transform(std::begin(name_texts), std::end(name_texts), state.names.begin(), interned);
   const RunSummary summary = summary_of({});
   for (std::size_t i = 0; i < summary.size(); ++i) {
     state.summary_keys[i] = interned(std::string(summary[i].key));

@@ -10,15 +10,10 @@ Owned to_python(std::int64_t value) {
   return checked([=] { return PyLong_FromLongLong(value); });
 }
 
-Owned to_python(const std::string& value) {
-  return checked([&] {
+Owned to_python(std::string_view value) {
+  return checked([=] {
     return PyUnicode_FromStringAndSize(value.data(), static_cast<Py_ssize_t>(value.size()));
   });
-}
-
-void require(bool is_of_kind, PyObject* value, const char* what, const char* kind) {
-  if (is_of_kind) return;
-  raise(PyExc_TypeError, "%s must be %s, not %.200s", what, kind, Py_TYPE(value)->tp_name);
 }
 
 template <>

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "capi/calls.hpp"
 
@@ -12,7 +13,7 @@ namespace decision_bounds::python {
 
 Owned to_python(double value);
 Owned to_python(std::int64_t value);
-Owned to_python(const std::string& value);
+Owned to_python(std::string_view value);
 inline Owned to_python(std::same_as<bool> auto value) noexcept {
   return Owned::copy(value ? Py_True : Py_False);
 }
@@ -22,7 +23,10 @@ inline Owned to_python(Owned value) noexcept { return value; }
 struct Float : Owned {};
 
 /// Raises the TypeError that `what` must be `kind`, unless `value` is of that kind.
-void require(bool is_of_kind, PyObject* value, const char* what, const char* kind);
+inline void require(bool is_of_kind, PyObject* value, const char* what, const char* kind) {
+  if (is_of_kind) return;
+  raise(PyExc_TypeError, "%s must be %s, not %.200s", what, kind, Py_TYPE(value)->tp_name);
+}
 
 /// `value` in C++ terms. `what` names it in the error.
 template <class Value>

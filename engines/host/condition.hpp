@@ -27,7 +27,7 @@ class PythonCondition final : public Condition {
       : state_(state), attribute_(attribute), parts_(parts), deferred_(deferred) {}
 
   void lock() override;
-  void unlock() override { let_go(taken_, deferred_); }
+  void unlock() override { taken_.let_go(deferred_); }
   void wait_for(double seconds) override;
   void notify_all() override;
 

@@ -31,13 +31,7 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
 
 // ---- the share of a day ----
 
-void end_call(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
-  SpendOperation operation(state, *reinterpret_cast<DailySpendObject*>(spend), Locking::must_go_on);
-  const PythonReply paid(state, reply);
-  operation.with_amount(held, [&](double amount) {
-    operation.give_back(amount, reply == Py_None ? nullptr : &paid);
-  });
-}
+constexpr auto end_dollars = end_call<SpendOperation, DailySpendObject>;
 
 /// The module's own _give_back, whatever the account has by now: it had that when it admitted the
 /// call.
@@ -49,7 +43,7 @@ Owned give_back_object(State& state, PyObject* spend, PyObject* held) {
   return call(state[Kept::partial], bound.get(), held);
 }
 
-const GiveBack gives_dollars_back{end_call, give_back_object};
+const GiveBack gives_dollars_back{end_dollars, give_back_object};
 
 }  // namespace
 
@@ -82,7 +76,7 @@ Owned SpendOperation::admit(PyObject* bound, const Waiting& waiting) {
     return PyFloat_AS_DOUBLE(most_.get());
   };
   deferred_.run([&] {
-    DailySpendRules::admit(
+    return DailySpendRules::admit(
         std::ref(most), deadline,
         [clock = waiting.clock] { return as<double>(call(clock).get(), "clock()"); },
         [stopping = waiting.stopping] { return truth(call(stopping)); });
@@ -119,7 +113,7 @@ void charge(State& state, DailySpendObject& self, PyObject* reply) {
 }
 
 void give_back(State& state, DailySpendObject& self, Float held, PyObject* reply) {
-  end_call(state, object_of(self), held.get(), reply);
+  end_dollars(state, object_of(self), held.get(), reply);
 }
 
 double today_locked(State& state, DailySpendObject& self) DECISION_BOUNDS_NO_ANALYSIS {

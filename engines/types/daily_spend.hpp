@@ -2,7 +2,6 @@
 
 #include "daily_spend_rules.hpp"
 #include "host/logger.hpp"
-#include "host/reply.hpp"
 #include "types/bound.hpp"
 
 namespace decision_bounds::python {

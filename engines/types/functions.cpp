@@ -33,10 +33,9 @@ void wait(State& state, PyObject&, PyObject* changed, PyObject* stopping, PyObje
   }
   std::optional<double> end;
   if (deadline != nullptr && deadline != Py_None) end = as<double>(deadline, "deadline");
-  PyObject* field = nullptr;
   ConditionParts parts{};  // stays empty: the condition is only waited on
   Deferred deferred(Locking::may_fail);
-  PythonCondition condition(state, {nullptr, field, "changed"}, parts, deferred);
+  PythonCondition condition(state, {nullptr, changed, "changed"}, parts, deferred);
   condition.adopt(changed);
   internal::wait_for_room(
       condition, [stopping] { return truth(call(stopping)); },

@@ -63,12 +63,10 @@ class RatesOperation {
   /// What `read` says of the rules.
   template <class Read>
   double reading(Read read) {
-    double answer = 0.0;
-    deferred_.run([&] { answer = lock_.reading([&] { return read(rules_, features_); }); });
-    return answer;
+    return deferred_.run([&] { return lock_.reading([&] { return read(rules_, features_); }); });
   }
   void learn(std::int64_t size, const PythonReply& reply) {
-    deferred_.run([&] { rules_.learn(size, features_, reply); });
+    deferred_.run([&] { return rules_.learn(size, features_, reply), true; });
   }
 
  private:

@@ -28,15 +28,12 @@ constexpr Field budget_fields[] = {
 
 // ---- the share of a pass ----
 
-void end_call(State& state, PyObject* budget, PyObject* tokens, PyObject* reply) {
-  BudgetOperation(state, *reinterpret_cast<RunBudgetObject*>(budget), Locking::must_go_on)
-      .end(tokens, reply);
-}
+constexpr auto end_tokens = end_call<BudgetOperation, RunBudgetObject>;
 
 PyObject* give_back_entry(PyObject* pair, PyObject* reply) {
   return guarded<PyObject*>(nullptr, [=] {
     PyObject* budget = PyTuple_GET_ITEM(pair, 0);
-    end_call(state_of(budget), budget, PyTuple_GET_ITEM(pair, 1), reply);
+    end_tokens(state_of(budget), budget, PyTuple_GET_ITEM(pair, 1), reply);
     return none().release();
   });
 }
@@ -51,7 +48,7 @@ Owned give_back_object(State&, PyObject* budget, PyObject* tokens) {
   return checked([&] { return PyCFunction_New(&give_back_function, pair.get()); });
 }
 
-const GiveBack gives_tokens_back{end_call, give_back_object};
+const GiveBack gives_tokens_back{end_tokens, give_back_object};
 
 // ---- the methods ----
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "host/reply.hpp"
 #include "run_budget_rules.hpp"
 #include "types/bound.hpp"
 
@@ -86,15 +85,10 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
     }
   }
 
-  /// The give-back of a share. What a host has put in the place of release or charge is the host's
-  /// own from there on: what it leaves undone stays held.
-  void end(PyObject* tokens, PyObject* reply) {
-    const PythonReply paid(state_, reply);
-    with_amount(tokens,
-                [&](double amount) { give_back(amount, reply == Py_None ? nullptr : &paid); });
-  }
-
  private:
+  // The ends of a share. What a host has put in the place of release or charge is the host's own
+  // from there on: what it leaves undone stays held.
+
   void end_unpaid(double tokens) override {
     if (const Owned step = override_of(Name::release)) {
       call(step.get(), amounts_.amount());

@@ -4,23 +4,18 @@
 #include "types/method.hpp"
 
 namespace decision_bounds::python {
-namespace {
-
-void call_target(State&, PyObject* target, PyObject*, PyObject* reply) { call(target, reply); }
-Owned target_itself(State&, PyObject* target, PyObject*) { return Owned::copy(target); }
-
-}  // namespace
-
-const GiveBack calls_target{call_target, target_itself};
+constexpr GiveBack calls_target{
+    [](State&, PyObject* target, PyObject*, PyObject* reply) { call(target, reply); },
+    [](State&, PyObject* target, PyObject*) { return Owned::copy(target); }};
 
 namespace {
 
 /// Of a share that counts against no bound: `target` is _nothing, and nobody misses its call.
-const GiveBack gives_nothing_back{call_target, target_itself};
+constexpr GiveBack gives_nothing_back = calls_target;
 
 /// Of a share that has been given back: there is no target.
-const GiveBack given_back{[](State&, PyObject*, PyObject*, PyObject*) {},
-                          [](State&, PyObject*, PyObject*) { return none(); }};
+constexpr GiveBack given_back{[](State&, PyObject*, PyObject*, PyObject*) {},
+                              [](State&, PyObject*, PyObject*) { return none(); }};
 
 constexpr Field share_fields[] = {{nullptr, DECISION_BOUNDS_PLACE(ShareObject, target)},
                                   {nullptr, DECISION_BOUNDS_PLACE(ShareObject, amount)}};
@@ -63,15 +58,15 @@ PyObject* get_action(PyObject* self, void*) {
 
 int set_action(PyObject* self, PyObject* value, void*) {
   return guarded<int>(-1, [=] {
-    Action before{};
-    if (value == nullptr) {
-      before = exchange(set_share(self), nullptr, {});
-    } else if (value == Py_None) {
-      before = exchange(*reinterpret_cast<ShareObject*>(self), &given_back, {});
+    auto& share = *reinterpret_cast<ShareObject*>(self);
+    const GiveBack* how = value == Py_None ? &given_back : &calls_target;
+    if (value != nullptr) {
+      check_callable_or_none(value, "_give_back");
     } else {
-      check_callable(value, "_give_back");
-      before = exchange(*reinterpret_cast<ShareObject*>(self), &calls_target, Owned::copy(value));
+      set_share(self);  // raises where it is deleted already
+      how = nullptr;
     }
+    const Action before = exchange(share, how, Owned::copy(value));
     return 0;
   });
 }
