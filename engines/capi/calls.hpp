@@ -7,8 +7,6 @@
 namespace decision_bounds::python {
 
 inline bool truth(const Owned& object) {
-  if (object.get() == Py_True) return true;
-  if (object.get() == Py_False) return false;
   return checked_count([&] { return PyObject_IsTrue(object.get()); }) != 0;
 }
 

@@ -94,14 +94,6 @@ void raise_unset(PyObject* self, const char* name) {
         dot != nullptr ? dot + 1 : full, name);
 }
 
-void check_callable(PyObject* value, const char* shown) {
-  require(PyCallable_Check(value) != 0, value, shown, "callable");
-}
-
-void check_callable_or_none(PyObject* value, const char* shown) {
-  if (value != Py_None) check_callable(value, shown);
-}
-
 void check_methods(PyObject* value, const char* shown, const char* kind,
                    std::initializer_list<const char*> methods) {
   for (const char* method : methods) {

@@ -116,8 +116,12 @@ struct Attribute {
   [[nodiscard]] Owned get() const { return Owned::copy(set_or_raise(field, self, name)); }
 };
 
-void check_callable(PyObject* value, const char* shown);
-void check_callable_or_none(PyObject* value, const char* shown);
+inline void check_callable(PyObject* value, const char* shown) {
+  require(PyCallable_Check(value) != 0, value, shown, "callable");
+}
+inline void check_callable_or_none(PyObject* value, const char* shown) {
+  if (value != Py_None) check_callable(value, shown);
+}
 /// Raises TypeError unless `value`, which is to be `kind`, has these methods.
 void check_methods(PyObject* value, const char* shown, const char* kind,
                    std::initializer_list<const char*> methods);

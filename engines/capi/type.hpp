@@ -85,12 +85,12 @@ struct TypeParts {
   richcmpfunc compare = nullptr;  ///< and are equal by field, so not hashable
 };
 
-/// The attribute table of a type, for the life of the process.
+/// The attribute table of a type, for the life of the process. Each interpreter's import writes the
+/// same into it.
 template <const auto& fields>
 PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
   static std::array<PyGetSetDef, std::size(fields) + 3> table{};  // the last row stays empty
-  auto row =
-      table.begin();  // another interpreter's import may have made it: then it stays as it is
+  auto row = table.begin();
   for (const Field& field : fields) {
     if (field.name != nullptr) *row++ = attribute_of(field);
   }
@@ -102,9 +102,7 @@ PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
 /// Where the interpreter finds an object's __dict__ and its weak references.
 PyMemberDef* offset_members() noexcept;
 
-/// A new heap type of `module`, whose full name it takes for its __module__.
-PyTypeObject* make_type(PyObject* module, PyType_Spec& spec);
-
+/// A new heap type of `module`, named after it.
 template <class Object, const auto& fields>
 PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
   static_assert(std::is_standard_layout_v<Object> && offsetof(Object, head) == 0);
@@ -124,21 +122,22 @@ PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
     slots.push_back({Py_tp_richcompare, slot(parts.compare)});
   }
   slots.push_back({0, nullptr});
-  const std::string name = std::string("decision_bounds.") + parts.signature.name;
+  const Owned module_name = checked([=] { return PyModule_GetNameObject(module); });
+  const std::string name =
+      as<std::string>(module_name.get(), "the module's name") + "." + parts.signature.name;
   PyType_Spec spec = {name.c_str(), sizeof(Object), 0,
                       Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC, slots.data()};
-  return make_type(module, spec);
+  return reinterpret_cast<PyTypeObject*>(
+      checked([&] { return PyType_FromModuleAndSpec(module, &spec, nullptr); }).release());
 }
-
-/// The name by which an object's printed form calls it.
-std::string type_name(PyObject* object);
 
 /// "Name(field=value, ...)" of a record that has a to_string.
 template <class Object, auto Record>
 PyObject* repr_slot(PyObject* self) {
   return guarded<PyObject*>(nullptr, [self] {
     const auto& record = reinterpret_cast<Object*>(self)->*Record;
-    return to_python(to_string(record, type_name(self))).release();
+    const Owned name = checked([self] { return PyType_GetQualName(Py_TYPE(self)); });
+    return to_python(to_string(record, as<std::string>(name.get(), "the type's name"))).release();
   });
 }
 

@@ -68,38 +68,29 @@ void set_raised(PyObject* exception) noexcept;
 /// Stops this thread for good; it ends with the process.
 [[noreturn]] void park_dying_thread() noexcept;
 
-/// Parks the thread when it is unwound through the guard's scope. Up to CPython 3.13, a thread that
-/// wants the interpreter's lock back while the interpreter finalises is ended by pthread_exit. That
-/// unwinds its stack, and would run C++ destructors on a thread that must not touch Python any
-/// more; where an exception is being handled already, it would end the process. Later versions park
-/// such threads themselves.
-class ParkIfUnwound {
- public:
-  ParkIfUnwound() = default;
-  ParkIfUnwound(const ParkIfUnwound&) = delete;
-  ParkIfUnwound& operator=(const ParkIfUnwound&) = delete;
-  ~ParkIfUnwound() {
-    if (armed_) park_dying_thread();
-  }
-
-  void dismiss() noexcept { armed_ = false; }
-
- private:
-  bool armed_ = true;
-};
-
 /// Runs `call`, which may run Python code (and so let the interpreter's lock go) and throws
 /// nothing. Every such call of the module goes through here. One that does not is a crash that
 /// shows up only when a program with daemon threads ends.
+///
+/// Up to CPython 3.13, a thread that wants the interpreter's lock back while the interpreter
+/// finalises is ended by pthread_exit. That unwinds its stack, and would run C++ destructors on a
+/// thread that must not touch Python any more; where an exception is being handled already, it
+/// would end the process. So a thread that is unwound through here is parked. Later versions park
+/// such threads themselves.
 template <class Call>
 auto entering(Call call) -> decltype(call()) {
-  ParkIfUnwound guard;
+  struct Returning {
+    bool has_returned = false;
+    ~Returning() {
+      if (!has_returned) park_dying_thread();
+    }
+  } thread;
   if constexpr (std::is_void_v<decltype(call())>) {
     call();
-    guard.dismiss();
+    thread.has_returned = true;
   } else {
     const auto result = call();
-    guard.dismiss();
+    thread.has_returned = true;
     return result;
   }
 }

@@ -49,6 +49,9 @@ class PythonCondition final : public Condition {
 };
 
 /// Raises TypeError unless `value` can be the condition of a bound.
-void check_condition(PyObject* value, const char* shown);
+inline void check_condition(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a condition variable",
+                {"__enter__", "__exit__", "wait", "notify_all"});
+}
 
 }  // namespace decision_bounds::python

@@ -76,8 +76,4 @@ bool PythonLock::is_free() const {
          !truth(checked([&] { return native->locked(lock_.get(), nullptr); }));
 }
 
-void check_lock(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a lock", {"__enter__", "__exit__"});
-}
-
 }  // namespace decision_bounds::python

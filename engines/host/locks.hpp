@@ -72,6 +72,8 @@ class PythonLock final : public Lock {
 };
 
 /// Raises TypeError unless `value` can be the lock of a RequestRates.
-void check_lock(PyObject* value, const char* shown);
+inline void check_lock(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a lock", {"__enter__", "__exit__"});
+}
 
 }  // namespace decision_bounds::python

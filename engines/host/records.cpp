@@ -6,8 +6,7 @@ bool PythonHeld::admits(double share, double used, double limit) {
   const Owned held = attribute_.get();
   const Owned step = this->step(held, Name::admits);
   if (!step) return record_of(held)->admits(share, used, limit);
-  return truth(
-      call(step.get(), as_object(share).get(), to_python(used).get(), to_python(limit).get()));
+  return truth(call(step.get(), amount_, to_python(used).get(), to_python(limit).get()));
 }
 
 void PythonHeld::take(double share) {
@@ -17,7 +16,7 @@ void PythonHeld::take(double share) {
   if (!step) return record->take(share);
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   try {
-    call(step.get(), as_object(share).get());
+    call(step.get(), amount_);
   } catch (Raised&) {
     if (record != nullptr && record->holders > holders) record->give_back(share);
     throw;
@@ -36,7 +35,7 @@ void PythonHeld::give_back(double share) {
   deferred_.complete([&] {
     if (called && (holders == 0 || record->holders < holders)) return;
     called = true;
-    call(step.get(), as_object(share).get());
+    call(step.get(), amount_);
   });
 }
 
@@ -50,14 +49,6 @@ void PythonCharges::learn(std::int64_t size, double charge) {
   const Owned step = this->step(Name::learn);
   if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->learn(size, charge);
   call(step.get(), to_python(size).get(), to_python(charge).get());
-}
-
-void check_held(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a _Held", {"admits", "take", "give_back"});
-}
-
-void check_charges(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a _Charges", {"bound", "learn"});
 }
 
 }  // namespace decision_bounds::python

@@ -59,9 +59,6 @@ class PythonHeld final : public internal::HeldAmounts {
   void give_back(double share) override;
 
  private:
-  [[nodiscard]] Owned as_object(double share) const {
-    return amount_ != nullptr ? Owned::copy(amount_) : to_python(share);
-  }
   [[nodiscard]] Owned step(const Owned& held, Name name) const {
     return step_of<HeldObject>(state_, held, state_[Known::held], name);
   }
@@ -97,7 +94,11 @@ class PythonCharges {
 };
 
 /// Raise TypeError unless `value` has the methods of such a record.
-void check_held(PyObject* value, const char* shown);
-void check_charges(PyObject* value, const char* shown);
+inline void check_held(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Held", {"admits", "take", "give_back"});
+}
+inline void check_charges(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Charges", {"bound", "learn"});
+}
 
 }  // namespace decision_bounds::python

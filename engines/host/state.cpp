@@ -51,10 +51,8 @@ State& state_of(PyObject* object) {
 }
 
 Owned global(const State& state, Name name, PyObject* fallback) {
-  PyObject* value = entering(
-      [&] { return PyDict_GetItemWithError(PyModule_GetDict(state.module), state.name(name)); });
-  if (value == nullptr && PyErr_Occurred() != nullptr) throw_raised();
-  return Owned::copy(value == nullptr || value == Py_None ? fallback : value);
+  Owned value = entry_of(PyModule_GetDict(state.module), state.name(name));
+  return value && value.get() != Py_None ? std::move(value) : Owned::copy(fallback);
 }
 
 double poll_seconds(const State& state) {

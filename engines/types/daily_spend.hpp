@@ -43,8 +43,7 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
 
   double ask_ledger(const std::string& day) override {
     const Owned ledger = Owned::copy(object_.ledger);
-    const Owned date = to_python(day);
-    const Owned answer = call(ledger.get(), date.get());
+    const Owned answer = call(ledger.get(), to_python(day).get());
     return PyFloat_AS_DOUBLE(checked([&] { return PyNumber_Float(answer.get()); }).get());
   }
 
@@ -59,8 +58,7 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
   double spent_since(const std::string& day) override DECISION_BOUNDS_REQUIRES(changed_) {
     const Owned step = override_of(Name::_spent_since);
     if (!step) return DailySpendRules::spent_since(day);
-    const Owned date = to_python(day);
-    return as<double>(call(step.get(), date.get()).get(), "_spent_since()");
+    return as<double>(call(step.get(), to_python(day).get()).get(), "_spent_since()");
   }
 
   double poll_seconds() override { return python::poll_seconds(state_); }

@@ -78,11 +78,9 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
 
   /// The admission of hold().
   void admit(PyObject* tokens) {
-    if (const Owned step = override_of(Name::reserve)) {
-      call(step.get(), tokens);
-    } else {
-      with_amount(tokens, [this](double amount) { reserve(amount); });
-    }
+    const Owned step = override_of(Name::reserve);
+    if (!step) return with_amount(tokens, [this](double amount) { reserve(amount); });
+    call(step.get(), tokens);
   }
 
  private:
@@ -90,19 +88,15 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
   // from there on: what it leaves undone stays held.
 
   void end_unpaid(double tokens) override {
-    if (const Owned step = override_of(Name::release)) {
-      call(step.get(), amounts_.amount());
-    } else {
-      RunBudgetRules::end_unpaid(tokens);
-    }
+    const Owned step = override_of(Name::release);
+    if (!step) return RunBudgetRules::end_unpaid(tokens);
+    call(step.get(), amounts_.amount());
   }
 
   void end_paid(const PaidReply& reply, double tokens) override {
-    if (const Owned step = override_of(Name::charge)) {
-      call(step.get(), static_cast<const PythonReply&>(reply).object(), amounts_.amount());
-    } else {
-      RunBudgetRules::end_paid(reply, tokens);
-    }
+    const Owned step = override_of(Name::charge);
+    if (!step) return RunBudgetRules::end_paid(reply, tokens);
+    call(step.get(), static_cast<const PythonReply&>(reply).object(), amounts_.amount());
   }
 
   RunBudgetObject& object_;
