@@ -40,9 +40,8 @@ void intern_names(State& state) {
   };
   std::transform(std::begin(name_texts), std::end(name_texts), state.names.begin(), interned);
   const RunSummary summary = summary_of({});
-  for (std::size_t i = 0; i < summary.size(); ++i) {
-    state.summary_keys[i] = interned(std::string(summary[i].key));
-  }
+  std::transform(summary.begin(), summary.end(), state.summary_keys.begin(),
+                 [&](const SummaryEntry& entry) { return interned(std::string(entry.key)); });
 }
 
 /// Whether `type` is threading.Condition itself with the methods that it came with. Another program

@@ -20,18 +20,22 @@ constexpr bool fills(const Signature& signature, Fields fields) {
                     });
 }
 
-/// Visits and empties what an object refers to: its fields that are objects, and its __dict__.
-int traverse_fields(PyObject* self, Fields fields, visitproc visit, void* arg);
-void clear_fields(PyObject* self, Fields fields) noexcept;
-
 template <const auto& fields>
 int traverse_slot(PyObject* self, visitproc visit, void* arg) {
-  return traverse_fields(self, fields, visit, arg);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(reinterpret_cast<ObjectHead*>(self)->dict);
+  for (const Field& field : fields) {
+    if (field.place.plain == nullptr) Py_VISIT(field.object_in(self));
+  }
+  return 0;
 }
 
 template <const auto& fields>
 int clear_slot(PyObject* self) {
-  clear_fields(self, fields);
+  clear(reinterpret_cast<ObjectHead*>(self)->dict);
+  for (const Field& field : fields) {
+    if (field.place.plain == nullptr) clear(field.object_in(self));
+  }
   return 0;
 }
 
@@ -60,7 +64,7 @@ void dealloc_slot(PyObject* self) {
   if (reinterpret_cast<ObjectHead*>(self)->weakrefs != nullptr) {
     entering([=] { PyObject_ClearWeakRefs(self); });
   }
-  clear_fields(self, fields);
+  clear_slot<fields>(self);
   std::destroy_at(reinterpret_cast<Object*>(self));
   type->tp_free(self);
   // An object holds its type; the type goes last, for it says how the memory is freed.
@@ -100,7 +104,10 @@ PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
 }
 
 /// Where the interpreter finds an object's __dict__ and its weak references.
-PyMemberDef* offset_members() noexcept;
+inline PyMemberDef offset_members[] = {
+    {"__dictoffset__", T_PYSSIZET, offsetof(ObjectHead, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(ObjectHead, weakrefs), READONLY, nullptr},
+    {}};
 
 /// A new heap type of `module`, named after it.
 template <class Object, const auto& fields>
@@ -115,7 +122,7 @@ PyTypeObject* make_type(PyObject* module, const TypeParts& parts) {
                                     {Py_tp_dealloc, slot(dealloc_slot<Object, fields>)},
                                     {Py_tp_methods, parts.methods},
                                     {Py_tp_getset, attributes_of<fields>(parts.extra)},
-                                    {Py_tp_members, offset_members()}};
+                                    {Py_tp_members, offset_members}};
   if (parts.finalize != nullptr) slots.push_back({Py_tp_finalize, slot(parts.finalize)});
   if (parts.repr != nullptr) {
     slots.push_back({Py_tp_repr, slot(parts.repr)});

@@ -12,9 +12,8 @@ struct RunBudgetObject {
   ConditionParts changed_parts;
 };
 
-inline bool should_stop(const State& state, const RunBudgetObject& self) {
-  auto* object = const_cast<PyObject*>(reinterpret_cast<const PyObject*>(&self));
-  PyObject* field = set_or_raise(self.should_stop, object, "should_stop");
+inline bool should_stop(const State& state, RunBudgetObject& self) {
+  PyObject* field = set_or_raise(self.should_stop, object_of(self), "should_stop");
   if (field == state[Kept::never]) return false;
   const Owned signal = Owned::copy(field);  // it may replace itself while it runs
   return truth(call(signal.get()));
