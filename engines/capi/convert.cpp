@@ -20,7 +20,8 @@ template <>
 double as(PyObject* value, const char* what) {
   if (PyFloat_CheckExact(value)) return PyFloat_AS_DOUBLE(value);
   const PyNumberMethods* number = Py_TYPE(value)->tp_as_number;
-  const bool is_number = number != nullptr && (number->nb_float != nullptr || PyIndex_Check(value));
+  const bool is_number =
+      number != nullptr && (number->nb_float != nullptr || PyIndex_Check(value) != 0);
   require(is_number, value, what, "a real number");
   const double result = entering([=] { return PyFloat_AsDouble(value); });
   if (result == -1.0 && PyErr_Occurred() != nullptr) {
@@ -41,7 +42,7 @@ Float as(PyObject* value, const char* what) {
 template <>
 std::int64_t as(PyObject* value, const char* what) {
   if (!PyLong_Check(value)) {
-    require(PyIndex_Check(value), value, what, "an integer");
+    require(PyIndex_Check(value) != 0, value, what, "an integer");
     return as<std::int64_t>(checked([=] { return PyNumber_Index(value); }).get(), what);
   }
   int overflow = 0;

@@ -3,10 +3,7 @@
 // The names by which the module looks attributes up, interned once, so that a look-up compares
 // addresses.
 
-#include <array>
 #include <cstddef>
-
-#include "capi/owned.hpp"
 
 namespace decision_bounds::python {
 
@@ -31,7 +28,5 @@ inline constexpr const char* name_texts[] = {
     DECISION_BOUNDS_NAMES(DECISION_BOUNDS_NAME)
 #undef DECISION_BOUNDS_NAME
 };
-
-using Names = std::array<PyObject*, static_cast<std::size_t>(Name::count)>;
 
 }  // namespace decision_bounds::python

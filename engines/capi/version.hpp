@@ -80,6 +80,7 @@ void set_raised(PyObject* exception) noexcept;
 /// such threads themselves.
 template <class Call>
 auto entering(Call call) -> decltype(call()) {
+  // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): it stays where it is
   struct Returning {
     bool has_returned = false;
     ~Returning() {

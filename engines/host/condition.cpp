@@ -18,11 +18,10 @@ const ConditionParts* PythonCondition::parts_of(PyObject* condition) {
                         entry_of(dict.get(), state_.name(Name::notify_all));
   // A key with an __eq__ in Python may have changed the dict in between.
   if (dict_version(dict.get()) != version) return nullptr;
-  const auto type_of = [](const Owned& object) {
-    return object ? reinterpret_cast<PyObject*>(Py_TYPE(object.get())) : nullptr;
-  };
+  const bool is_deque =
+      waiters && reinterpret_cast<PyObject*>(Py_TYPE(waiters.get())) == state_[Kept::deque_type];
   if (!lock || state_.native_lock(lock.get()) == nullptr) lock = Owned();
-  if (!waiters || is_spied || type_of(waiters) != state_[Kept::deque_type]) waiters = Owned();
+  if (!is_deque || is_spied) waiters = Owned();
   parts_.version = version;
   const Owned lock_before = replace(parts_.lock, std::move(lock));
   const Owned waiters_before = replace(parts_.waiters, std::move(waiters));

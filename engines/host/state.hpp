@@ -60,7 +60,7 @@ struct State {
   std::array<PyObject*, static_cast<std::size_t>(Kept::count)> kept;
   std::array<KnownType, static_cast<std::size_t>(Known::count)> known;
   NativeLock plain_lock, reentrant_lock;
-  Names names;
+  std::array<PyObject*, static_cast<std::size_t>(Name::count)> names;
   std::array<PyObject*, std::tuple_size_v<RunSummary>> summary_keys;
 
   [[nodiscard]] PyObject*& operator[](Kept which) noexcept {

@@ -112,7 +112,7 @@ void charge(State& state, DailySpendObject& self, PyObject* reply) {
   spend.answer_of([&] { return spend.charge(paid), true; });
 }
 
-void give_back(State& state, DailySpendObject& self, Float held, PyObject* reply) {
+void give_back(State& state, DailySpendObject& self, const Float& held, PyObject* reply) {
   end_dollars(state, object_of(self), held.get(), reply);
 }
 
@@ -121,7 +121,7 @@ double today_locked(State& state, DailySpendObject& self) DECISION_BOUNDS_NO_ANA
 }
 
 double spent_since(State& state, DailySpendObject& self,
-                   std::string day) DECISION_BOUNDS_NO_ANALYSIS {
+                   const std::string& day) DECISION_BOUNDS_NO_ANALYSIS {
   return SpendOperation(state, self).DailySpendRules::spent_since(day);
 }
 

@@ -41,25 +41,29 @@ struct Entry<signature, Body> {
       std::array<PyObject*, sizeof...(Parameters)> values{};
       alive(*state);
       sort_arguments(signature, arguments, values);
-      return run(*state, *reinterpret_cast<Object*>(self), values,
-                 std::index_sequence_for<Parameters...>())
-          .release();
+      auto& object = *reinterpret_cast<Object*>(self);
+      constexpr std::index_sequence_for<Parameters...> all;
+      if constexpr (std::is_void_v<Result>) {
+        run(*state, object, values, all);
+        return none().release();
+      } else {
+        return to_python(run(*state, object, values, all)).release();
+      }
     };
     return guarded<PyObject*>(nullptr, body, LibraryErrors{state});
   }
 
   template <std::size_t... I>
-  static Owned run(State& state, Object& self,
-                   [[maybe_unused]] const std::array<PyObject*, sizeof...(I)>& values,
-                   std::index_sequence<I...>) {
+  static Result run(State& state, Object& self,
+                    [[maybe_unused]] std::span<PyObject* const, sizeof...(I)> values,
+                    std::index_sequence<I...>) {
     // Within braces they are converted in their order.
-    std::tuple<Parameters...> converted{as<Parameters>(values[I], signature.parameters[I])...};
-    if constexpr (std::is_void_v<Result>) {
-      Body(state, self, std::get<I>(std::move(converted))...);
-      return none();
-    } else {
-      return to_python(Body(state, self, std::get<I>(std::move(converted))...));
-    }
+    std::tuple<std::remove_cvref_t<Parameters>...> converted{
+        as<std::remove_cvref_t<Parameters>>(values[I], signature.parameters[I])...};
+    const auto body = [&](auto&&... given) -> Result {
+      return Body(state, self, std::forward<decltype(given)>(given)...);
+    };
+    return std::apply(body, std::move(converted));
   }
 };
 

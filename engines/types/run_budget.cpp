@@ -70,7 +70,7 @@ Owned summary(State& state, RunBudgetObject& self) {
 
 Owned summary_locked(State& state, RunBudgetObject& self) { return as_dict(state, self.counts); }
 
-void reserve(State& state, RunBudgetObject& self, Float tokens) {
+void reserve(State& state, RunBudgetObject& self, const Float& tokens) {
   BudgetOperation budget(state, self);
   budget.with_amount(tokens.get(), [&](double amount) { budget.reserve(amount); });
 }
@@ -82,12 +82,12 @@ Owned hold(State& state, RunBudgetObject& self, Float tokens) {
   return share;
 }
 
-void release(State& state, RunBudgetObject& self, Float tokens) {
+void release(State& state, RunBudgetObject& self, const Float& tokens) {
   BudgetOperation budget(state, self, Locking::must_go_on);
   budget.with_amount(tokens.get(), [&](double amount) { budget.release(amount); });
 }
 
-void charge(State& state, RunBudgetObject& self, PyObject* result, Float tokens) {
+void charge(State& state, RunBudgetObject& self, PyObject* result, const Float& tokens) {
   const PythonReply paid(state, as_reply(result, "result"));
   // With no tokens it may be a cache hit, which gives nothing back and can be tried again.
   const bool ends_call = BudgetOperation::stands_for_a_call(PyFloat_AS_DOUBLE(tokens.get()));

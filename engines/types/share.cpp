@@ -100,12 +100,9 @@ void settle(State& state, ShareObject& self, PyObject* reply) {
 PyObject* enter(PyObject* self, PyObject*) { return Py_NewRef(self); }
 
 void exit(State& state, ShareObject& self) {
-  auto* object = object_of(self);
-  if (const Owned step = override_of(object, state[Known::share], state.name(Name::settle))) {
-    call(step.get(), Py_None);
-  } else {
-    settle(state, self, Py_None);
-  }
+  const Owned step = override_of(object_of(self), state[Known::share], state.name(Name::settle));
+  if (!step) return settle(state, self, Py_None);
+  call(step.get(), Py_None);
 }
 
 /// Says that a share which holds something is dropped. It gives nothing back: this may run on any
