@@ -4,6 +4,7 @@
 #include "types/method.hpp"
 
 namespace decision_bounds::python {
+
 constexpr GiveBack calls_target{
     [](State&, PyObject* target, PyObject*, PyObject* reply) { call(target, reply); },
     [](State&, PyObject* target, PyObject*) { return Owned::copy(target); }};
