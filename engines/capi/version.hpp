@@ -81,18 +81,19 @@ void set_raised(PyObject* exception) noexcept;
 template <class Call>
 auto entering(Call call) -> decltype(call()) {
   // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): it stays where it is
-  struct Returning {
-    bool has_returned = false;
-    ~Returning() {
-      if (!has_returned) park_dying_thread();
+  struct Guard {
+    bool is_armed = true;
+    void dismiss() noexcept { is_armed = false; }
+    ~Guard() {
+      if (is_armed) park_dying_thread();
     }
-  } thread;
+  } guard;
   if constexpr (std::is_void_v<decltype(call())>) {
     call();
-    thread.has_returned = true;
+    guard.dismiss();
   } else {
     const auto result = call();
-    thread.has_returned = true;
+    guard.dismiss();
     return result;
   }
 }
