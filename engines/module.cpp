@@ -1,6 +1,7 @@
 // The module: the steps that its import runs, and its memory.
 
-#include "docs.hpp"
+#include <algorithm>
+
 #include "python_sources.hpp"
 #include "types/method.hpp"
 #include "waiting.hpp"
@@ -37,13 +38,10 @@ void intern_names(State& state) {
   const auto interned = [](const std::string& text) {
     return checked([&] { return PyUnicode_InternFromString(text.c_str()); }).release();
   };
-  for (std::size_t i = 0; i < state.names.size(); ++i) {
-    state.names[i] = interned(text_of(static_cast<Name>(i)));
-  }
+  std::transform(std::begin(name_texts), std::end(name_texts), state.names.begin(), interned);
   const RunSummary summary = summary_of({});
-  for (std::size_t i = 0; i < summary.size(); ++i) {
-    state.summary_keys[i] = interned(std::string(summary[i].key));
-  }
+  std::transform(summary.begin(), summary.end(), state.summary_keys.begin(),
+                 [&](const SummaryEntry& entry) { return interned(std::string(entry.key)); });
 }
 
 /// Whether `type` is threading.Condition itself with the methods that it came with. Another program
@@ -83,36 +81,26 @@ void take_from_host(State& state) {
   state[Kept::no_arguments] = checked([] { return PyTuple_New(0); }).release();
 }
 
-void bind_errors(PyObject* module, State& state) {
-  struct Row {
-    const char* name;
-    Kept place;
-    const char* doc;
-  };
-  constexpr Row rows[] = {
-      {"DecisionError", Kept::decision_error, doc::DecisionError},
-      {"DecisionBudgetExceeded", Kept::budget_exceeded, doc::DecisionBudgetExceeded},
-      {"DecisionUnavailable", Kept::unavailable, doc::DecisionUnavailable},
-      {"DecisionTimeout", Kept::timeout, doc::DecisionTimeout},
-      {"DecisionStopped", Kept::stopped, doc::DecisionStopped}};
-  const Owned module_name = checked([=] { return PyModule_GetNameObject(module); });
-  const std::string prefix = as_string(module_name.get(), "the module's name") + ".";
-  PyObject* base = PyExc_RuntimeError;  // of the first, which is the base of the rest
-  for (const Row& row : rows) {
-    const std::string full = prefix + row.name;
-    state[row.place] = checked([&] {
-                         return PyErr_NewExceptionWithDoc(full.c_str(), row.doc, base, nullptr);
-                       }).release();
-    bind(module, row.name, state[row.place]);
-    base = state[Kept::decision_error];
-  }
-}
-
 /// Runs `source` in a namespace of its own that begins with what `module` defines; returns that.
 Owned run_source(const char* source, PyObject* module) {
   Owned globals = checked([=] { return PyDict_Copy(PyModule_GetDict(module)); });
   checked([&] { return PyRun_String(source, Py_file_input, globals.get(), globals.get()); });
   return globals;
+}
+
+/// The errors and the protocol PaidReply, as the stub declares them.
+void bind_declared(PyObject* module, State& state) {
+  const Owned declared = run_source(source::declared, module);
+  for (const char* name : {"DecisionError", "DecisionBudgetExceeded", "DecisionUnavailable",
+                           "DecisionTimeout", "DecisionStopped", "PaidReply"}) {
+    bind(module, name, PyDict_GetItemString(declared.get(), name));
+  }
+  const auto keep = [&](Kept place, const char* name) {
+    state[place] = checked([&] { return PyObject_GetAttrString(module, name); }).release();
+  };
+  keep(Kept::budget_exceeded, "DecisionBudgetExceeded");
+  keep(Kept::timeout, "DecisionTimeout");
+  keep(Kept::stopped, "DecisionStopped");
 }
 
 /// The steps stand in the order in which the names come into being.
@@ -123,9 +111,7 @@ void execute(PyObject* module) {
   take_from_host(state);
   bind(module, "logger", state[Kept::logger]);
   bind(module, "_POLL_S", to_python(internal::poll_s).get());
-  bind_errors(module, state);
-  const Owned defined = run_source(source::paid_reply, module);
-  bind(module, "PaidReply", PyDict_GetItemString(defined.get(), "PaidReply"));
+  bind_declared(module, state);
   bind_function(module, never_function, state[Kept::never]);
   bind_function(module, nothing_function, state[Kept::nothing]);
   bind_type(module, "Share", Known::share, make_share_type(module));
@@ -196,7 +182,7 @@ PyModuleDef_Slot module_slots[] = {
 
 }  // namespace
 
-PyModuleDef module_definition = {PyModuleDef_HEAD_INIT, "decision_bounds", doc::module,
+PyModuleDef module_definition = {PyModuleDef_HEAD_INIT, "decision_bounds", stub::module,
                                  sizeof(State),         nullptr,           module_slots,
                                  traverse_module,       clear_module,      free_module};
 

@@ -1,4 +1,5 @@
-"""Signatures with defaults that are objects, which the text of a docstring cannot show.
+"""Signatures with defaults that are objects, which the text of a docstring cannot show; and how the
+records are matched, copied and pickled.
 
 Run as the module is imported, with its names and with PARAMETERS: of each class of the stub the
 parameters of __init__, a tuple of the name and, if there is one, the default; ... for an object.
@@ -33,3 +34,11 @@ for owner in (Share, RunBudget):
     owner.__signature__ = Signature(owner)
 for record in (_Held, _Charges, RunBudget):
     record.__match_args__ = tuple(name for name, *_ in PARAMETERS[record.__name__])
+
+
+def reduced(names):
+    return lambda self: (type(self), tuple(getattr(self, name) for name in names), vars(self))
+
+
+for record in (_Held, _Charges):
+    record.__reduce__ = reduced(record.__match_args__)

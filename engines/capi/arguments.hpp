@@ -2,8 +2,7 @@
 
 // The arguments of a call, sorted by parameter.
 
-#include <algorithm>
-#include <array>
+#include <limits>
 #include <span>
 
 #include "capi/errors.hpp"
@@ -18,38 +17,27 @@ struct Arguments {
   PyObject* keywords;       // a dict, for __init__; or null
 };
 
-/// The parameters of a callable: the first `positional` may be passed by position, all by keyword;
-/// the first `required` have no default.
-struct ParameterList {
-  const char* function;
-  std::span<const char* const> names;
-  std::size_t positional;
-  std::size_t required;
+/// The arguments of an __init__, as the slot of a type gets them.
+inline Arguments arguments_of_init(PyObject* tuple, PyObject* dict) noexcept {
+  return {&PyTuple_GET_ITEM(tuple, 0), PyTuple_GET_SIZE(tuple), nullptr, dict};
+}
+
+/// Of a callable with a parameter such as *error: it takes what comes by position, and drops it.
+inline constexpr std::size_t any_number = std::numeric_limits<std::size_t>::max();
+
+/// A function, a method, or a class as its __init__ has it, as the stub declares it. embed.py makes
+/// one of each.
+struct Signature {
+  const char* name;
+  const char* doc;  ///< begins with the signature, where text can say it
+  std::span<const char* const> parameters;
+  std::size_t positional;  ///< so many may be passed by position, all by keyword
+  std::size_t required;    ///< the first so many have no default
 };
 
 /// Sorts `arguments` into `values`, one place a parameter, null for those left out. Raises the
 /// TypeError that a function written in Python would.
-void sort_arguments(const ParameterList& list, const Arguments& arguments,
+void sort_arguments(const Signature& signature, const Arguments& arguments,
                     std::span<PyObject*> values);
-
-template <std::size_t Count>
-struct Parameters {
-  const char* function;
-  std::array<const char*, Count> names;
-  std::size_t positional = Count;
-  std::size_t required = Count;
-
-  /// The same, quick where all come by position.
-  [[nodiscard]] std::array<PyObject*, Count> sorted(const Arguments& arguments) const {
-    std::array<PyObject*, Count> values{};
-    if (arguments.count == Count && positional == Count && arguments.keyword_names == nullptr &&
-        arguments.keywords == nullptr) {
-      std::copy_n(arguments.positional, Count, values.begin());
-    } else {
-      sort_arguments({function, names, positional, required}, arguments, values);
-    }
-    return values;
-  }
-};
 
 }  // namespace decision_bounds::python

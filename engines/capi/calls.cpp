@@ -37,22 +37,4 @@ Owned get_special(PyObject* object, PyObject* name) {
   return checked([&] { return bind(found.get(), object, reinterpret_cast<PyObject*>(type)); });
 }
 
-PyMethodDef* definition_of(PyObject* method) noexcept {
-  if (PyCFunction_Check(method)) return reinterpret_cast<PyCFunctionObject*>(method)->m_ml;
-  if (Py_IS_TYPE(method, &PyMethodDescr_Type)) {
-    return reinterpret_cast<PyMethodDescrObject*>(method)->d_method;
-  }
-  return nullptr;
-}
-
-NativeMethod::NativeMethod(const PyMethodDef* definition) noexcept {
-  if (definition == nullptr) return;
-  if (definition->ml_flags == METH_NOARGS) {
-    plain_ = definition->ml_meth;
-  } else if (definition->ml_flags == (METH_VARARGS | METH_KEYWORDS)) {
-    keywords_ = reinterpret_cast<PyCFunctionWithKeywords>(
-        reinterpret_cast<void (*)()>(definition->ml_meth));
-  }
-}
-
 }  // namespace decision_bounds::python

@@ -7,8 +7,6 @@
 namespace decision_bounds::python {
 
 inline bool truth(const Owned& object) {
-  if (object.get() == Py_True) return true;
-  if (object.get() == Py_False) return false;
   return checked_count([&] { return PyObject_IsTrue(object.get()); }) != 0;
 }
 
@@ -47,35 +45,5 @@ Owned call_method(PyObject* object, PyObject* name, Arguments... arguments) {
         name, all + 1, (1 + sizeof...(arguments)) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr);
   });
 }
-
-/// The definition behind a method of a built-in object, bound or not; null for anything else.
-PyMethodDef* definition_of(PyObject* method) noexcept;
-
-/// A method without arguments of a type written in C, called through its function: nothing is
-/// looked up, nothing is allocated, and it runs no Python code of its own. (It may let the
-/// interpreter's lock go, though, and run signal handlers.)
-class NativeMethod {
- public:
-  NativeMethod() = default;
-  /// `definition`: of the method; null, or one whose calling convention is not known here, makes a
-  /// method that is not there.
-  explicit NativeMethod(const PyMethodDef* definition) noexcept;
-
-  explicit operator bool() const noexcept { return plain_ != nullptr || keywords_ != nullptr; }
-  /// Whether this is the method that `definition` defines.
-  [[nodiscard]] bool is(const PyMethodDef* definition) const noexcept {
-    return plain_ != nullptr && definition != nullptr && definition->ml_meth == plain_;
-  }
-  /// `no_arguments` is an empty tuple.
-  Owned operator()(PyObject* self, PyObject* no_arguments) const {
-    return checked([&] {
-      return plain_ != nullptr ? plain_(self, nullptr) : keywords_(self, no_arguments, nullptr);
-    });
-  }
-
- private:
-  PyCFunction plain_ = nullptr;                 // METH_NOARGS
-  PyCFunctionWithKeywords keywords_ = nullptr;  // METH_VARARGS | METH_KEYWORDS
-};
 
 }  // namespace decision_bounds::python

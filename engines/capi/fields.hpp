@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <initializer_list>
 #include <span>
-#include <string>
 #include <type_traits>
 
 #include "capi/arguments.hpp"
@@ -32,66 +31,71 @@ PyObject* object_of(Object& self) noexcept {
   return reinterpret_cast<PyObject*>(&self);
 }
 
-enum class Kind { int64, real, boolean, text, object };
+/// How a field that holds a C++ value is read and written.
+struct Plain {
+  /// Converts `value` to an object that put() takes; what may fail, fails here.
+  Owned (*converted)(PyObject* value, const char* shown);
+  void (*put)(void* field, PyObject* value);  ///< null: a zero, or an empty text
+  Owned (*get)(const void* field);
+};
 
 template <class Value>
-constexpr Kind kind_of = std::is_same_v<Value, std::int64_t>  ? Kind::int64
-                         : std::is_same_v<Value, double>      ? Kind::real
-                         : std::is_same_v<Value, bool>        ? Kind::boolean
-                         : std::is_same_v<Value, std::string> ? Kind::text
-                                                              : Kind::object;
+inline constexpr Plain plain{
+    [](PyObject* value, const char* shown) { return to_python(as<Value>(value, shown)); },
+    [](void* field, PyObject* value) {
+      *static_cast<Value*>(field) = value != nullptr ? as<Value>(value, "") : Value();
+    },
+    [](const void* field) { return to_python(*static_cast<const Value*>(field)); }};
+
+template <class Value>
+inline constexpr const Plain* plain_of = &plain<Value>;
+template <>
+inline constexpr const Plain* plain_of<PyObject*> = nullptr;
 
 struct Place {
-  Kind kind;
+  const Plain* plain;  ///< null: the field holds an object
   std::size_t offset;
 };
 
 /// Where a field lies in `Object`, and what it holds.
 // NOLINTBEGIN(bugprone-macro-parentheses): a member cannot stand in parentheses
-#define DECISION_BOUNDS_PLACE(Object, member)                                     \
-  Place {                                                                         \
-    kind_of<std::remove_reference_t<decltype((std::declval<Object&>().member))>>, \
-        offsetof(Object, member)                                                  \
+#define DECISION_BOUNDS_PLACE(Object, member)                                      \
+  Place {                                                                          \
+    plain_of<std::remove_reference_t<decltype((std::declval<Object&>().member))>>, \
+        offsetof(Object, member)                                                   \
   }
 // NOLINTEND(bugprone-macro-parentheses)
 
 /// Raises unless an object may be put into a field; `shown` names the field in the error.
 using Check = void (*)(PyObject* value, const char* shown);
-/// Makes what a field of a new object holds where no argument says.
-using Initial = Owned (*)(PyObject* module);
+/// Makes what a field of the new object `self` holds where no argument says.
+using Initial = Owned (*)(PyObject* self);
 
 struct Field {
   const char* name;  ///< of the attribute; null: none, only the garbage collector sees the field
   Place place;
-  const char* parameter = nullptr;  ///< of __init__; null: it takes none for this field
-  bool required = false;
   Check check = nullptr;      ///< of objects; null: any may be put there
   Initial initial = nullptr;  ///< of objects; numbers begin with 0, texts empty
 
-  template <class Value>
-  [[nodiscard]] Value& in(PyObject* self) const noexcept {
-    return *reinterpret_cast<Value*>(reinterpret_cast<char*>(self) + place.offset);
+  [[nodiscard]] void* in(PyObject* self) const noexcept {
+    return reinterpret_cast<char*>(self) + place.offset;
+  }
+  /// Of a field that holds an object.
+  [[nodiscard]] PyObject*& object_in(PyObject* self) const noexcept {
+    return *static_cast<PyObject**>(in(self));
   }
 };
 
+/// The rows of a type. The parameters of its __init__ fill the first, in their order.
 using Fields = std::span<const Field>;
-
-/// The row of an object that a new object makes itself where no argument says.
-constexpr Field object_field(const char* name, Place place, Check check, Initial initial,
-                             const char* parameter = nullptr) noexcept {
-  return {name, place, parameter, false, check, initial};
-}
 
 /// The row of an attribute table for a field that has a name.
 PyGetSetDef attribute_of(const Field& field) noexcept;
 
 /// __init__: converts all arguments and makes all that is missing, and only then changes the
 /// object, so that a failure changes nothing and a second __init__ works.
-void initialise(PyObject* self, PyObject* module, const char* function, Fields fields,
+void initialise(PyObject* self, const Signature& signature, Fields fields,
                 const Arguments& arguments);
-
-/// __reduce__ of a record: its type, its arguments, and the attributes of its own.
-Owned reduce(PyObject* self, Fields fields);
 
 /// Raises AttributeError for a field that was never set, or deleted.
 [[noreturn]] void raise_unset(PyObject* self, const char* name);
@@ -112,8 +116,12 @@ struct Attribute {
   [[nodiscard]] Owned get() const { return Owned::copy(set_or_raise(field, self, name)); }
 };
 
-void check_callable(PyObject* value, const char* shown);
-void check_callable_or_none(PyObject* value, const char* shown);
+inline void check_callable(PyObject* value, const char* shown) {
+  require(PyCallable_Check(value) != 0, value, shown, "callable");
+}
+inline void check_callable_or_none(PyObject* value, const char* shown) {
+  if (value != Py_None) check_callable(value, shown);
+}
 /// Raises TypeError unless `value`, which is to be `kind`, has these methods.
 void check_methods(PyObject* value, const char* shown, const char* kind,
                    std::initializer_list<const char*> methods);

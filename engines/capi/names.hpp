@@ -3,10 +3,7 @@
 // The names by which the module looks attributes up, interned once, so that a look-up compares
 // addresses.
 
-#include <array>
 #include <cstddef>
-
-#include "capi/owned.hpp"
 
 namespace decision_bounds::python {
 
@@ -26,15 +23,10 @@ enum class Name : std::size_t {
       count
 };
 
-constexpr const char* text_of(Name name) noexcept {
-  constexpr const char* texts[] = {
+inline constexpr const char* name_texts[] = {
 #define DECISION_BOUNDS_NAME(name) #name,
-      DECISION_BOUNDS_NAMES(DECISION_BOUNDS_NAME)
+    DECISION_BOUNDS_NAMES(DECISION_BOUNDS_NAME)
 #undef DECISION_BOUNDS_NAME
-  };
-  return texts[static_cast<std::size_t>(name)];
-}
-
-using Names = std::array<PyObject*, static_cast<std::size_t>(Name::count)>;
+};
 
 }  // namespace decision_bounds::python

@@ -58,8 +58,6 @@ class Owned {
 
 inline Owned none() noexcept { return Owned::copy(Py_None); }
 
-inline Owned to_bool(bool value) noexcept { return Owned::copy(value ? Py_True : Py_False); }
-
 /// Puts `value` into a field, and hands out what was there: to be let go once the object is whole
 /// again, since that may run Python code.
 inline Owned replace(PyObject*& field, Owned value) noexcept {

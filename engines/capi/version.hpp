@@ -5,6 +5,7 @@
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
+#include <structmember.h>
 
 #include <cstdint>
 #include <type_traits>
@@ -89,32 +90,25 @@ void set_raised(PyObject* exception) noexcept;
 /// Stops this thread for good; it ends with the process.
 [[noreturn]] void park_dying_thread() noexcept;
 
-/// Parks the thread when it is unwound through the guard's scope. Up to CPython 3.13, a thread that
-/// wants the interpreter's lock back while the interpreter finalises is ended by pthread_exit. That
-/// unwinds its stack, and would run C++ destructors on a thread that must not touch Python any
-/// more; where an exception is being handled already, it would end the process. Later versions park
-/// such threads themselves.
-class ParkIfUnwound {
- public:
-  ParkIfUnwound() = default;
-  ParkIfUnwound(const ParkIfUnwound&) = delete;
-  ParkIfUnwound& operator=(const ParkIfUnwound&) = delete;
-  ~ParkIfUnwound() {
-    if (armed_) park_dying_thread();
-  }
-
-  void dismiss() noexcept { armed_ = false; }
-
- private:
-  bool armed_ = true;
-};
-
 /// Runs `call`, which may run Python code (and so let the interpreter's lock go) and throws
 /// nothing. Every such call of the module goes through here. One that does not is a crash that
 /// shows up only when a program with daemon threads ends.
+///
+/// Up to CPython 3.13, a thread that wants the interpreter's lock back while the interpreter
+/// finalises is ended by pthread_exit. That unwinds its stack, and would run C++ destructors on a
+/// thread that must not touch Python any more; where an exception is being handled already, it
+/// would end the process. So a thread that is unwound through here is parked. Later versions park
+/// such threads themselves.
 template <class Call>
 auto entering(Call call) -> decltype(call()) {
-  ParkIfUnwound guard;
+  // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): it stays where it is
+  struct Guard {
+    bool is_armed = true;
+    void dismiss() noexcept { is_armed = false; }
+    ~Guard() {
+      if (is_armed) park_dying_thread();
+    }
+  } guard;
   if constexpr (std::is_void_v<decltype(call())>) {
     call();
     guard.dismiss();

@@ -72,9 +72,4 @@ void PythonCondition::notify_all() {
   }
 }
 
-void check_condition(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a condition variable",
-                {"__enter__", "__exit__", "wait", "notify_all"});
-}
-
 }  // namespace decision_bounds::python

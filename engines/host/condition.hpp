@@ -28,7 +28,7 @@ class PythonCondition final : public Condition {
       : state_(state), attribute_(attribute), parts_(parts), deferred_(deferred) {}
 
   void lock() override;
-  void unlock() override { let_go(taken_, deferred_); }
+  void unlock() override { taken_.let_go(deferred_); }
   void wait_for(double seconds) override;
   void notify_all() override;
 
@@ -52,6 +52,9 @@ class PythonCondition final : public Condition {
 };
 
 /// Raises TypeError unless `value` can be the condition of a bound.
-void check_condition(PyObject* value, const char* shown);
+inline void check_condition(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a condition variable",
+                {"__enter__", "__exit__", "wait", "notify_all"});
+}
 
 }  // namespace decision_bounds::python

@@ -45,17 +45,18 @@ class Deferred {
     if (error_ && !must_go_on()) std::rethrow_exception(error_);
   }
 
-  /// Runs the whole operation, then throws what was deferred or else the operation's own error.
+  /// What the whole operation returns; throws what was deferred or else the operation's own error.
   template <class Operation>
-  void run(Operation operation) {
+  auto run(Operation operation) {
     try {
-      operation();
+      auto answer = operation();
+      if (!error_) return answer;
     } catch (const Raised&) {
       if (!error_) throw;
     } catch (const std::exception&) {
       if (!error_) throw;
     }
-    if (error_) std::rethrow_exception(error_);
+    std::rethrow_exception(error_);
   }
 
  private:

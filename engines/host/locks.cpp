@@ -9,7 +9,7 @@ void TakenLock::take(const State& state, PyObject* lock) {
   native_ = state.native_lock(lock);
   Owned taken = Owned::copy(lock);
   if (native_ != nullptr) {
-    native_->acquire(lock, state[Kept::no_arguments]);
+    checked([&] { return native_->acquire(lock, state[Kept::no_arguments], nullptr); });
   } else {
     enter(lock);
   }
@@ -24,8 +24,9 @@ void TakenLock::enter(PyObject* lock) {
           Py_TYPE(lock)->tp_name);
   }
   is_owned_ = get_if_there(lock, state_->name(Name::_is_owned));
-  const bool can_tell = is_owned_ && PyCFunction_Check(is_owned_.get()) &&
-                        state_->reentrant_lock.is_owned.is(definition_of(is_owned_.get()));
+  const bool can_tell =
+      is_owned_ && PyCFunction_Check(is_owned_.get()) &&
+      PyCFunction_GET_FUNCTION(is_owned_.get()) == state_->reentrant_lock.is_owned;
   // Where this thread holds it already, that says nothing about what happens now.
   if (!can_tell || says_owned()) is_owned_ = Owned();
   try {
@@ -36,17 +37,22 @@ void TakenLock::enter(PyObject* lock) {
   }
 }
 
-void TakenLock::let_go() {
+void TakenLock::let_go(Deferred& deferred) {
   const Owned lock = std::move(lock_);
   if (!lock) return;
-  if (native_ != nullptr) {
-    native_->release(lock.get(), (*state_)[Kept::no_arguments]);
-    return;
-  }
   try {
-    leave();
-  } catch (Raised&) {
-    if (says_owned()) leave();  // it was ended before it let go
+    if (native_ != nullptr) {
+      checked([&] { return native_->release(lock.get(), nullptr); });
+      return;
+    }
+    try {
+      leave();
+    } catch (Raised&) {
+      if (says_owned()) leave();  // it was ended before it let go
+      throw;
+    }
+  } catch (RaisedInterrupt&) {
+    deferred.keep();
     throw;
   }
 }
@@ -56,16 +62,7 @@ void TakenLock::leave() { call(exit_.get(), Py_None, Py_None, Py_None); }
 bool TakenLock::says_owned() const {
   if (!is_owned_) return false;
   PyObject* lock = PyCFunction_GET_SELF(is_owned_.get());
-  return truth(state_->reentrant_lock.is_owned(lock, (*state_)[Kept::no_arguments]));
-}
-
-void let_go(TakenLock& taken, Deferred& deferred) {
-  try {
-    taken.let_go();
-  } catch (RaisedInterrupt&) {
-    deferred.keep();
-    throw;
-  }
+  return truth(checked([=, this] { return state_->reentrant_lock.is_owned(lock, nullptr); }));
 }
 
 void PythonLock::lock() {
@@ -75,12 +72,8 @@ void PythonLock::lock() {
 
 bool PythonLock::is_free() const {
   const NativeLock* native = state_.native_lock(lock_.get());
-  return native != nullptr && native->locked &&
-         !truth(native->locked(lock_.get(), state_[Kept::no_arguments]));
-}
-
-void check_lock(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a lock", {"__enter__", "__exit__"});
+  return native != nullptr && native->locked != nullptr &&
+         !truth(checked([&] { return native->locked(lock_.get(), nullptr); }));
 }
 
 }  // namespace decision_bounds::python

@@ -21,8 +21,9 @@ class TakenLock {
  public:
   /// Takes the lock; after an error it is not held, as far as it can tell.
   void take(const State& state, PyObject* lock);
-  /// Lets it go; does nothing where it is not held.
-  void let_go();
+  /// Lets it go at the end of an operation; does nothing where it is not held. An interrupt is
+  /// deferred too: where an error is on its way already, the guard of the lock would drop it.
+  void let_go(Deferred& deferred);
   [[nodiscard]] bool is_held() const noexcept { return static_cast<bool>(lock_); }
 
  private:
@@ -38,10 +39,6 @@ class TakenLock {
   Owned is_owned_;                      // null where it cannot tell
 };
 
-/// Lets a lock go at the end of an operation. An interrupt is deferred too: where an error is on
-/// its way already, the guard of the lock would drop it.
-void let_go(TakenLock& taken, Deferred& deferred);
-
 /// The plain lock of a RequestRates.
 class PythonLock final : public Lock {
  public:
@@ -51,7 +48,7 @@ class PythonLock final : public Lock {
       : state_(state), lock_(std::move(lock)), brief_(brief), deferred_(deferred) {}
 
   void lock() override;
-  void unlock() override { let_go(taken_, deferred_); }
+  void unlock() override { taken_.let_go(deferred_); }
 
   /// Runs `read`, an operation that only reads. Where it ran without taking the lock, and somebody
   /// holds the lock afterwards, it is run again with the lock taken: Python code has run after all.
@@ -75,6 +72,8 @@ class PythonLock final : public Lock {
 };
 
 /// Raises TypeError unless `value` can be the lock of a RequestRates.
-void check_lock(PyObject* value, const char* shown);
+inline void check_lock(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a lock", {"__enter__", "__exit__"});
+}
 
 }  // namespace decision_bounds::python

@@ -1,6 +1,5 @@
 #include "host/logger.hpp"
 
-#include <string>
 #include <vector>
 
 #include "capi/convert.hpp"
@@ -15,13 +14,8 @@ Owned python_error(const std::exception_ptr& error) {
   } catch (RaisedError& raised) {
     return Owned::copy(raised.value());
   } catch (const std::exception& other) {
-    return call(PyExc_RuntimeError, to_python(std::string(other.what())).get());
+    return call(PyExc_RuntimeError, to_python(other.what()).get());
   }
-}
-
-Owned python_argument(const LogArgument& argument) {
-  if (const auto* number = std::get_if<double>(&argument)) return to_python(*number);
-  return to_python(std::string(std::get<std::string_view>(argument)));
 }
 
 }  // namespace
@@ -30,8 +24,10 @@ void PythonLogger::warning(std::string_view format, std::span<const LogArgument>
                            std::exception_ptr error) {
   const Owned logger = global(state_, Name::logger, state_[Kept::logger]);
   std::vector<Owned> objects;
-  objects.push_back(to_python(std::string(format)));
-  for (const LogArgument& argument : arguments) objects.push_back(python_argument(argument));
+  objects.push_back(to_python(format));
+  for (const LogArgument& argument : arguments) {
+    objects.push_back(std::visit([](auto value) { return to_python(value); }, argument));
+  }
   Owned keyword;
   if (error) {
     objects.push_back(python_error(error));

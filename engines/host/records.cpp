@@ -3,21 +3,20 @@
 namespace decision_bounds::python {
 
 bool PythonHeld::admits(double share, double used, double limit) {
-  const Owned held = attribute_.get();
-  const Owned step = this->step(held, Name::admits);
-  if (!step) return record_of(held)->admits(share, used, limit);
-  return truth(
-      call(step.get(), as_object(share).get(), to_python(used).get(), to_python(limit).get()));
+  const HeldIn held(state_, attribute_.get());
+  const Owned step = held.step(Name::admits);
+  if (!step) return held.record()->admits(share, used, limit);
+  return truth(call(step.get(), amount_, to_python(used).get(), to_python(limit).get()));
 }
 
 void PythonHeld::take(double share) {
-  const Owned held = attribute_.get();
-  internal::Held* record = record_of(held);
-  const Owned step = this->step(held, Name::take);
+  const HeldIn held(state_, attribute_.get());
+  internal::Held* record = held.record();
+  const Owned step = held.step(Name::take);
   if (!step) return record->take(share);
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   try {
-    call(step.get(), as_object(share).get());
+    call(step.get(), amount_);
   } catch (Raised&) {
     if (record != nullptr && record->holders > holders) record->give_back(share);
     throw;
@@ -25,9 +24,9 @@ void PythonHeld::take(double share) {
 }
 
 void PythonHeld::give_back(double share) {
-  const Owned held = attribute_.get();
-  internal::Held* record = record_of(held);
-  const Owned step = this->step(held, Name::give_back);
+  const HeldIn held(state_, attribute_.get());
+  internal::Held* record = held.record();
+  const Owned step = held.step(Name::give_back);
   if (!step) return record->give_back(share);
   const std::int64_t holders = record != nullptr ? record->holders : 0;
   bool called = false;
@@ -36,28 +35,20 @@ void PythonHeld::give_back(double share) {
   deferred_.complete([&] {
     if (called && (holders == 0 || record->holders < holders)) return;
     called = true;
-    call(step.get(), as_object(share).get());
+    call(step.get(), amount_);
   });
 }
 
 double PythonCharges::bound(std::int64_t size) const {
-  const Owned step = this->step(Name::bound);
-  if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->bound(size);
-  return as_double(call(step.get(), to_python(size).get()).get(), "bound()");
+  const Owned step = RecordIn::step(Name::bound);
+  if (!step) return record()->bound(size);
+  return as<double>(call(step.get(), to_python(size).get()).get(), "bound()");
 }
 
 void PythonCharges::learn(std::int64_t size, double charge) {
-  const Owned step = this->step(Name::learn);
-  if (!step) return record_in<ChargesObject>(object_, state_[Known::charges])->learn(size, charge);
+  const Owned step = RecordIn::step(Name::learn);
+  if (!step) return record()->learn(size, charge);
   call(step.get(), to_python(size).get(), to_python(charge).get());
-}
-
-void check_held(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a _Held", {"admits", "take", "give_back"});
-}
-
-void check_charges(PyObject* value, const char* shown) {
-  check_methods(value, shown, "a _Charges", {"bound", "learn"});
 }
 
 }  // namespace decision_bounds::python

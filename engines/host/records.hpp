@@ -14,33 +14,38 @@ namespace decision_bounds::python {
 struct HeldObject {
   ObjectHead head;
   internal::Held record;
-  static constexpr const char* name = "_Held";
-  static const Fields fields;
 };
 
 struct ChargesObject {
   ObjectHead head;
   internal::Charges record;
-  static constexpr const char* name = "_Charges";
-  static const Fields fields;
 };
 
-/// The record of the module's own in `object`, of the type `known` or one derived from it; null
-/// where it is none.
-template <class Object>
-decltype(Object::record)* record_in(const Owned& object, const KnownType& known) noexcept {
-  if (!PyObject_TypeCheck(object.get(), known.type)) return nullptr;
-  return &reinterpret_cast<Object*>(object.get())->record;
-}
+/// What an attribute that is to hold a record has: an `Object` of the module's, of the type `which`
+/// or one derived from it, or an object of the host's own.
+template <class Object, Known which>
+class RecordIn {
+ public:
+  RecordIn(State& state, Owned object) : state_(state), object_(std::move(object)) {}
 
-/// The step `name` of `object`, ready to be called; null where it is that of the module's own
-/// record.
-template <class Object>
-Owned step_of(const State& state, const Owned& object, KnownType& known, Name name) {
-  return record_in<Object>(object, known) != nullptr
-             ? override_of(object.get(), known, state.name(name))
-             : get(object.get(), state.name(name));
-}
+  /// The module's record; null where it is none.
+  [[nodiscard]] auto* record() const noexcept {
+    const bool has_one = PyObject_TypeCheck(object_.get(), state_[which].type) != 0;
+    return has_one ? &reinterpret_cast<Object*>(object_.get())->record : nullptr;
+  }
+  /// The step `name`, ready to be called; null where it is that of the module's own record.
+  [[nodiscard]] Owned step(Name name) const {
+    PyObject* method = state_.name(name);
+    return record() != nullptr ? override_of(object_.get(), state_[which], method)
+                               : get(object_.get(), method);
+  }
+
+ protected:
+  State& state_;
+  Owned object_;
+};
+
+using HeldIn = RecordIn<HeldObject, Known::held>;
 
 /// The held amounts in an attribute of a bound, for one operation.
 ///
@@ -63,16 +68,6 @@ class PythonHeld final : public internal::HeldAmounts {
   void give_back(double share) override;
 
  private:
-  [[nodiscard]] Owned as_object(double share) const {
-    return amount_ != nullptr ? Owned::copy(amount_) : to_python(share);
-  }
-  [[nodiscard]] Owned step(const Owned& held, Name name) const {
-    return step_of<HeldObject>(state_, held, state_[Known::held], name);
-  }
-  [[nodiscard]] internal::Held* record_of(const Owned& held) const noexcept {
-    return record_in<HeldObject>(held, state_[Known::held]);
-  }
-
   State& state_;
   Attribute attribute_;
   Deferred& deferred_;
@@ -80,9 +75,9 @@ class PythonHeld final : public internal::HeldAmounts {
 };
 
 /// The maxima in an attribute of a RequestRates, for one operation.
-class PythonCharges {
+class PythonCharges : public RecordIn<ChargesObject, Known::charges> {
  public:
-  PythonCharges(State& state, Owned object) : state_(state), object_(std::move(object)) {}
+  using RecordIn::RecordIn;
 
   /// Whether its steps run no Python code.
   [[nodiscard]] bool is_native() const {
@@ -90,18 +85,14 @@ class PythonCharges {
   }
   [[nodiscard]] double bound(std::int64_t size) const;
   void learn(std::int64_t size, double charge);
-
- private:
-  [[nodiscard]] Owned step(Name name) const {
-    return step_of<ChargesObject>(state_, object_, state_[Known::charges], name);
-  }
-
-  State& state_;
-  Owned object_;
 };
 
 /// Raise TypeError unless `value` has the methods of such a record.
-void check_held(PyObject* value, const char* shown);
-void check_charges(PyObject* value, const char* shown);
+inline void check_held(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Held", {"admits", "take", "give_back"});
+}
+inline void check_charges(PyObject* value, const char* shown) {
+  check_methods(value, shown, "a _Charges", {"bound", "learn"});
+}
 
 }  // namespace decision_bounds::python

@@ -15,10 +15,11 @@ class PythonReply final : public PaidReply {
     return truth(get(reply_, state_.name(Name::cached)));
   }
   [[nodiscard]] std::int64_t input_tokens() const override {
-    return as_int64(get(reply_, state_.name(Name::input_tokens)).get(), "reply.input_tokens");
+    return as<std::int64_t>(get(reply_, state_.name(Name::input_tokens)).get(),
+                            "reply.input_tokens");
   }
   [[nodiscard]] double cost() const override {
-    return as_double(get(reply_, state_.name(Name::cost)).get(), "reply.cost");
+    return as<double>(get(reply_, state_.name(Name::cost)).get(), "reply.cost");
   }
   [[nodiscard]] PyObject* object() const noexcept { return reply_; }
 

@@ -16,15 +16,20 @@ void NativeLock::remember(const Owned& lock, const char* name) {
     return;
   }
   const Owned own = Owned::steal(type_dict(found));
-  const auto method = [&](const char* of) {
-    PyObject* entry = PyDict_GetItemString(own.get(), of);
-    return entry != nullptr ? NativeMethod(definition_of(entry)) : NativeMethod();
+  const auto function = [&](const char* of, int convention) -> PyCFunction {
+    PyObject* method = PyDict_GetItemString(own.get(), of);
+    if (method == nullptr || !Py_IS_TYPE(method, &PyMethodDescr_Type)) return nullptr;
+    const PyMethodDef* definition = reinterpret_cast<PyMethodDescrObject*>(method)->d_method;
+    return definition->ml_flags == convention ? definition->ml_meth : nullptr;
   };
-  acquire = method("acquire");
-  release = method("release");
-  locked = method("locked");
-  is_owned = method("_is_owned");
-  if (acquire && release) type = reinterpret_cast<PyTypeObject*>(Py_NewRef(found));
+  acquire = reinterpret_cast<PyCFunctionWithKeywords>(
+      reinterpret_cast<void (*)()>(function("acquire", METH_VARARGS | METH_KEYWORDS)));
+  release = function("release", METH_NOARGS);
+  locked = function("locked", METH_NOARGS);
+  is_owned = function("_is_owned", METH_NOARGS);
+  if (acquire != nullptr && release != nullptr) {
+    type = reinterpret_cast<PyTypeObject*>(Py_NewRef(found));
+  }
 }
 
 void LibraryErrors::set(const std::exception& error) const noexcept {
@@ -46,15 +51,13 @@ State& state_of(PyObject* object) {
 }
 
 Owned global(const State& state, Name name, PyObject* fallback) {
-  PyObject* value = entering(
-      [&] { return PyDict_GetItemWithError(PyModule_GetDict(state.module), state.name(name)); });
-  if (value == nullptr && PyErr_Occurred() != nullptr) throw_raised();
-  return Owned::copy(value == nullptr || value == Py_None ? fallback : value);
+  Owned value = entry_of(PyModule_GetDict(state.module), state.name(name));
+  return value && value.get() != Py_None ? std::move(value) : Owned::copy(fallback);
 }
 
 double poll_seconds(const State& state) {
   const Owned fallback = to_python(internal::poll_s);
-  return as_double(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
+  return as<double>(global(state, Name::_POLL_S, fallback.get()).get(), "_POLL_S");
 }
 
 }  // namespace decision_bounds::python

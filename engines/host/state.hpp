@@ -10,23 +10,25 @@
 namespace decision_bounds::python {
 
 /// One of the two lock types of the interpreter's own, _thread.lock and _thread.RLock. Their
-/// methods are called through their C functions. Nothing that a `with` block would run is left out
-/// by that: the types cannot be patched, and a derived type is another type.
+/// methods are called through their C functions, so nothing is looked up, nothing is allocated, and
+/// they run no Python code of their own. (They may let the interpreter's lock go, though, and run
+/// signal handlers.) Nothing that a `with` block would run is left out by that: the types cannot be
+/// patched, and a derived type is another type.
 struct NativeLock {
   PyTypeObject* type;  // owned; null where something else stood under its name
-  NativeMethod acquire, release;
-  NativeMethod locked;    // of _thread.lock: whether any thread holds it
-  NativeMethod is_owned;  // of _thread.RLock: whether this thread does
+  PyCFunctionWithKeywords acquire;
+  PyCFunction release;
+  PyCFunction locked;    // of _thread.lock: whether any thread holds it; null of the other
+  PyCFunction is_owned;  // of _thread.RLock: whether this thread does; null of the other
 
-  /// Makes it of `lock`, a new object that should be of the type `name`.
+  /// Makes it of `lock`, a new object that should be of the type `name`. A function whose calling
+  /// convention is not known here is taken not to be there.
   void remember(const Owned& lock, const char* name);
 };
 
 /// The objects that the module's state refers to, by what they are.
 enum class Kept : std::size_t {
-  decision_error,
   budget_exceeded,
-  unavailable,
   timeout,
   stopped,
   never,
@@ -58,7 +60,7 @@ struct State {
   std::array<PyObject*, static_cast<std::size_t>(Kept::count)> kept;
   std::array<KnownType, static_cast<std::size_t>(Known::count)> known;
   NativeLock plain_lock, reentrant_lock;
-  Names names;
+  std::array<PyObject*, static_cast<std::size_t>(Name::count)> names;
   std::array<PyObject*, std::tuple_size_v<RunSummary>> summary_keys;
 
   [[nodiscard]] PyObject*& operator[](Kept which) noexcept {

@@ -4,6 +4,7 @@
 
 #include "host/condition.hpp"
 #include "host/records.hpp"
+#include "host/reply.hpp"
 
 namespace decision_bounds::python {
 
@@ -16,15 +17,16 @@ class BoundOperation {
   template <class Operation>
   void with_amount(PyObject* amount, Operation operation) {
     amounts_.set_amount(amount);
-    deferred_.run([&] { operation(PyFloat_AS_DOUBLE(amount)); });
+    deferred_.run([&] {
+      operation(PyFloat_AS_DOUBLE(amount));
+      return true;
+    });
   }
 
-  /// Runs an operation that answers something, likewise.
+  /// What the operation returns, likewise.
   template <class Operation>
   auto answer_of(Operation operation) {
-    decltype(operation()) answer{};
-    deferred_.run([&] { answer = operation(); });
-    return answer;
+    return deferred_.run(operation);
   }
 
  protected:
@@ -54,10 +56,17 @@ class BoundOperation {
   PythonHeld amounts_;
 };
 
-inline Owned new_condition(PyObject* module) {
-  return call(module_state(module)[Kept::new_condition]);
+/// Ends the call of a share that holds `amount`, as GiveBack::end.
+template <class Operation, class Object>
+void end_call(State& state, PyObject* bound, PyObject* amount, PyObject* reply) {
+  Operation operation(state, *reinterpret_cast<Object*>(bound), Locking::must_go_on);
+  const PythonReply paid(state, reply);
+  operation.with_amount(
+      amount, [&](double held) { operation.give_back(held, reply == Py_None ? nullptr : &paid); });
 }
 
-inline Owned new_held(PyObject* module) { return call(module_state(module).type(Known::held)); }
+inline Owned new_condition(PyObject* self) { return call(state_of(self)[Kept::new_condition]); }
+
+inline Owned new_held(PyObject* self) { return call(state_of(self).type(Known::held)); }
 
 }  // namespace decision_bounds::python

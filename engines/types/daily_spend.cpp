@@ -3,7 +3,6 @@
 #include <functional>
 #include <new>
 
-#include "docs.hpp"
 #include "types/method.hpp"
 #include "types/share.hpp"
 
@@ -11,13 +10,11 @@ namespace decision_bounds::python {
 namespace {
 
 constexpr Field spend_fields[] = {
-    {"_cap", DECISION_BOUNDS_PLACE(DailySpendObject, account.cap), "cap", true},
-    {"_today", DECISION_BOUNDS_PLACE(DailySpendObject, today), "today", true, check_callable},
-    {"_ledger", DECISION_BOUNDS_PLACE(DailySpendObject, ledger), "ledger", true,
-     check_callable_or_none},
-    object_field("_changed", DECISION_BOUNDS_PLACE(DailySpendObject, changed), check_condition,
-                 new_condition),
-    object_field("_held", DECISION_BOUNDS_PLACE(DailySpendObject, held), check_held, new_held),
+    {"_cap", DECISION_BOUNDS_PLACE(DailySpendObject, account.cap)},
+    {"_today", DECISION_BOUNDS_PLACE(DailySpendObject, today), check_callable},
+    {"_ledger", DECISION_BOUNDS_PLACE(DailySpendObject, ledger), check_callable_or_none},
+    {"_changed", DECISION_BOUNDS_PLACE(DailySpendObject, changed), check_condition, new_condition},
+    {"_held", DECISION_BOUNDS_PLACE(DailySpendObject, held), check_held, new_held},
     {"_day", DECISION_BOUNDS_PLACE(DailySpendObject, account.day)},
     {"_cost", DECISION_BOUNDS_PLACE(DailySpendObject, account.cost)},
     {"_capped", DECISION_BOUNDS_PLACE(DailySpendObject, account.capped)},
@@ -34,13 +31,7 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
 
 // ---- the share of a day ----
 
-void end_call(State& state, PyObject* spend, PyObject* held, PyObject* reply) {
-  SpendOperation operation(state, *reinterpret_cast<DailySpendObject*>(spend), Locking::must_go_on);
-  const PythonReply paid(state, reply);
-  operation.with_amount(held, [&](double amount) {
-    operation.give_back(amount, reply == Py_None ? nullptr : &paid);
-  });
-}
+constexpr auto end_dollars = end_call<SpendOperation, DailySpendObject>;
 
 /// The module's own _give_back, whatever the account has by now: it had that when it admitted the
 /// call.
@@ -52,7 +43,7 @@ Owned give_back_object(State& state, PyObject* spend, PyObject* held) {
   return call(state[Kept::partial], bound.get(), held);
 }
 
-const GiveBack gives_dollars_back{end_call, give_back_object};
+const GiveBack gives_dollars_back{end_dollars, give_back_object};
 
 }  // namespace
 
@@ -77,17 +68,17 @@ void SpendOperation::prepare_share(double) {
 Owned SpendOperation::admit(PyObject* bound, const Waiting& waiting) {
   waiting_ = waiting;
   std::optional<double> deadline;
-  if (waiting.deadline != Py_None) deadline = as_double(waiting.deadline, "deadline");
+  if (waiting.deadline != Py_None) deadline = as<double>(waiting.deadline, "deadline");
   Owned share = new_share(state_);
   const auto most = [this, bound] {
-    most_ = as_float(call(bound).get(), "bound()");
+    most_ = as<Float>(call(bound).get(), "bound()");
     amounts_.set_amount(most_.get());
     return PyFloat_AS_DOUBLE(most_.get());
   };
   deferred_.run([&] {
-    DailySpendRules::admit(
+    return DailySpendRules::admit(
         std::ref(most), deadline,
-        [clock = waiting.clock] { return as_double(call(clock).get(), "clock()"); },
+        [clock = waiting.clock] { return as<double>(call(clock).get(), "clock()"); },
         [stopping = waiting.stopping] { return truth(call(stopping)); });
   });
   if (action_) {
@@ -102,69 +93,54 @@ namespace {
 
 // ---- the methods ----
 
-Owned spent(State& state, DailySpendObject& self, const Arguments& arguments) {
-  take_none("spent", arguments);
+double spent(State& state, DailySpendObject& self) {
   SpendOperation spend(state, self);
-  return to_python(spend.answer_of([&] { return spend.spent(); }));
+  return spend.answer_of([&] { return spend.spent(); });
 }
 
-Owned admit(State& state, DailySpendObject& self, const Arguments& arguments) {
-  constexpr Parameters<4> parameters{"admit", {"bound", "deadline", "clock", "stopping"}, 1};
-  const auto [bound, deadline, clock, stopping] = parameters.sorted(arguments);
-  as_callable(bound, "bound");
-  as_callable(clock, "clock");
-  as_callable(stopping, "stopping");
+Owned admit(State& state, DailySpendObject& self, PyObject* bound, PyObject* deadline,
+            PyObject* clock, PyObject* stopping) {
+  check_callable(bound, "bound");
+  check_callable(clock, "clock");
+  check_callable(stopping, "stopping");
   return SpendOperation(state, self).admit(bound, {deadline, clock, stopping});
 }
 
-Owned charge(State& state, DailySpendObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"charge", {"reply"}};
-  PyObject* reply = as_reply(parameters.sorted(arguments)[0], "reply");
-  const PythonReply paid(state, reply);
+void charge(State& state, DailySpendObject& self, PyObject* reply) {
+  const PythonReply paid(state, as_reply(reply, "reply"));
   SpendOperation spend(state, self);
   spend.answer_of([&] { return spend.charge(paid), true; });
-  return none();
 }
 
-Owned give_back(State& state, DailySpendObject& self, const Arguments& arguments) {
-  constexpr Parameters<2> parameters{"_give_back", {"held", "reply"}};
-  const auto [held, reply] = parameters.sorted(arguments);
-  const Owned dollars = as_float(held, "held");
-  end_call(state, object_of(self), dollars.get(), reply);
-  return none();
+void give_back(State& state, DailySpendObject& self, const Float& held, PyObject* reply) {
+  end_dollars(state, object_of(self), held.get(), reply);
 }
 
-Owned today_locked(State& state, DailySpendObject& self,
-                   const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
-  take_none("_today_locked", arguments);
-  return to_python(SpendOperation(state, self).DailySpendRules::today_locked());
+double today_locked(State& state, DailySpendObject& self) DECISION_BOUNDS_NO_ANALYSIS {
+  return SpendOperation(state, self).DailySpendRules::today_locked();
 }
 
-Owned spent_since(State& state, DailySpendObject& self,
-                  const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
-  constexpr Parameters<1> parameters{"_spent_since", {"day"}};
-  const std::string day = as_string(parameters.sorted(arguments)[0], "day");
-  return to_python(SpendOperation(state, self).DailySpendRules::spent_since(day));
+double spent_since(State& state, DailySpendObject& self,
+                   const std::string& day) DECISION_BOUNDS_NO_ANALYSIS {
+  return SpendOperation(state, self).DailySpendRules::spent_since(day);
 }
 
-PyMethodDef methods[] = {method<spent>("spent", doc::DailySpend_spent),
-                         method<admit>("admit", doc::DailySpend_admit),
-                         method<charge>("charge", doc::DailySpend_charge),
-                         method<give_back>("_give_back", doc::DailySpend_give_back),
-                         method<today_locked>("_today_locked", doc::DailySpend_today_locked),
-                         method<spent_since>("_spent_since", doc::DailySpend_spent_since),
+PyMethodDef methods[] = {method<stub::DailySpend_spent, spent>(),
+                         method<stub::DailySpend_admit, admit>(),
+                         method<stub::DailySpend_charge, charge>(),
+                         method<stub::DailySpend_give_back, give_back>(),
+                         method<stub::DailySpend_today_locked, today_locked>(),
+                         method<stub::DailySpend_spent_since, spent_since>(),
                          {}};
 
 }  // namespace
 
-constinit const Fields DailySpendObject::fields = spend_fields;
-
 PyTypeObject* make_daily_spend_type(PyObject* module) {
-  return make_type<DailySpendObject>(module, {.name = "decision_bounds.DailySpend",
-                                              .doc = doc::DailySpend,
-                                              .methods = methods,
-                                              .init = init_slot<DailySpendObject>,
-                                              .create = create});
+  return make_type<DailySpendObject, spend_fields>(
+      module, {.signature = stub::DailySpend,
+               .methods = methods,
+               .init = init_slot<stub::DailySpend, spend_fields>,
+               .create = create});
 }
 
 }  // namespace decision_bounds::python

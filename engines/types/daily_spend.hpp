@@ -2,7 +2,6 @@
 
 #include "daily_spend_rules.hpp"
 #include "host/logger.hpp"
-#include "host/reply.hpp"
 #include "types/bound.hpp"
 
 namespace decision_bounds::python {
@@ -12,8 +11,6 @@ struct DailySpendObject {
   internal::DailyAccount account;  // has a string, so zeros do not stand for it
   PyObject *today, *ledger, *held, *changed;
   ConditionParts changed_parts;
-  static constexpr const char* name = "DailySpend";
-  static const Fields fields;
 };
 
 /// The functions of one admission (borrowed), for a _wait that the host has put into the module.
@@ -37,7 +34,7 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
 
   std::string today() override {
     const Owned today = Owned::copy(set_or_raise(object_.today, self_, "_today"));
-    return as_string(call(today.get()).get(), "today()");
+    return as<std::string>(call(today.get()).get(), "today()");
   }
 
   [[nodiscard]] bool has_ledger() const override {
@@ -46,8 +43,7 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
 
   double ask_ledger(const std::string& day) override {
     const Owned ledger = Owned::copy(object_.ledger);
-    const Owned date = to_python(day);
-    const Owned answer = call(ledger.get(), date.get());
+    const Owned answer = call(ledger.get(), to_python(day).get());
     return PyFloat_AS_DOUBLE(checked([&] { return PyNumber_Float(answer.get()); }).get());
   }
 
@@ -56,14 +52,13 @@ class SpendOperation final : public BoundOperation, public internal::DailySpendR
   double today_locked() override DECISION_BOUNDS_REQUIRES(changed_) {
     const Owned step = override_of(Name::_today_locked);
     if (!step) return DailySpendRules::today_locked();
-    return as_double(call(step.get()).get(), "_today_locked()");
+    return as<double>(call(step.get()).get(), "_today_locked()");
   }
 
   double spent_since(const std::string& day) override DECISION_BOUNDS_REQUIRES(changed_) {
     const Owned step = override_of(Name::_spent_since);
     if (!step) return DailySpendRules::spent_since(day);
-    const Owned date = to_python(day);
-    return as_double(call(step.get(), date.get()).get(), "_spent_since()");
+    return as<double>(call(step.get(), to_python(day).get()).get(), "_spent_since()");
   }
 
   double poll_seconds() override { return python::poll_seconds(state_); }

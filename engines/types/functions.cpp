@@ -3,7 +3,6 @@
 #include <optional>
 
 #include "daily_spend_rules.hpp"
-#include "docs.hpp"
 #include "host/condition.hpp"
 #include "types/method.hpp"
 #include "waiting.hpp"
@@ -13,57 +12,41 @@ namespace {
 
 PyObject* never_entry(PyObject*, PyObject*) { Py_RETURN_FALSE; }
 
-/// The C function of a module function whose body is `Owned body(State&, const Arguments&)`.
-template <Owned (*Body)(State&, const Arguments&)>
-PyObject* function_entry(PyObject* module, PyObject* const* arguments, Py_ssize_t count,
-                         PyObject* keyword_names) {
-  State& state = module_state(module);
-  const auto body = [&] {
-    return Body(alive(state), {arguments, count, keyword_names, nullptr}).release();
-  };
-  return guarded<PyObject*>(nullptr, body, LibraryErrors{&state});
+/// A module function.
+template <const Signature& signature, auto Body>
+PyMethodDef function() noexcept {
+  auto* entry = reinterpret_cast<void (*)()>(&Entry<signature, Body>::function);
+  return {signature.name, reinterpret_cast<PyCFunction>(entry), METH_FASTCALL | METH_KEYWORDS,
+          signature.doc};
 }
 
-template <Owned (*Body)(State&, const Arguments&)>
-PyMethodDef function(const char* name, const char* doc) noexcept {
-  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&function_entry<Body>)),
-          METH_FASTCALL | METH_KEYWORDS, doc};
-}
+void nothing(State&, PyObject&, PyObject*) {}
 
-Owned nothing(State&, const Arguments& arguments) {
-  static_cast<void>(Parameters<1>{"_nothing", {"_reply"}}.sorted(arguments));
-  return none();
-}
-
-Owned wait(State& state, const Arguments& arguments) DECISION_BOUNDS_NO_ANALYSIS {
-  constexpr Parameters<4> parameters{"_wait", {"changed", "stopping", "deadline", "clock"}, 2, 2};
-  const auto [changed, stopping, deadline, clock] = parameters.sorted(arguments);
+void wait(State& state, PyObject&, PyObject* changed, PyObject* stopping, PyObject* deadline,
+          PyObject* clock) DECISION_BOUNDS_NO_ANALYSIS {
   check_methods(changed, "changed", "a condition variable", {"wait"});
-  as_callable(stopping, "stopping");
+  check_callable(stopping, "stopping");
   std::function<double()> host_clock;
   if (clock != nullptr && clock != Py_None) {
-    host_clock = [callable = as_callable(clock, "clock")] {
-      return as_double(call(callable).get(), "clock()");
-    };
+    check_callable(clock, "clock");
+    host_clock = [clock] { return as<double>(call(clock).get(), "clock()"); };
   }
   std::optional<double> end;
-  if (deadline != nullptr && deadline != Py_None) end = as_double(deadline, "deadline");
-  PyObject* field = nullptr;
+  if (deadline != nullptr && deadline != Py_None) end = as<double>(deadline, "deadline");
   ConditionParts parts{};  // stays empty: the condition is only waited on
   Deferred deferred(Locking::may_fail);
-  PythonCondition condition(state, {nullptr, field, "changed"}, parts, deferred);
+  PythonCondition condition(state, {nullptr, changed, "changed"}, parts, deferred);
   condition.adopt(changed);
   internal::wait_for_room(
-      condition, [callable = stopping] { return truth(call(callable)); },
+      condition, [stopping] { return truth(call(stopping)); },
       internal::Deadline{end, host_clock, internal::deadline_text},
       [&state] { return poll_seconds(state); });
-  return none();
 }
 
 }  // namespace
 
-PyMethodDef never_function = {"never", never_entry, METH_NOARGS, doc::never};
-PyMethodDef nothing_function = function<nothing>("_nothing", doc::nothing);
-PyMethodDef wait_function = function<wait>("_wait", doc::wait);
+PyMethodDef never_function = {"never", never_entry, METH_NOARGS, stub::never.doc};
+PyMethodDef nothing_function = function<stub::nothing, nothing>();
+PyMethodDef wait_function = function<stub::wait, wait>();
 
 }  // namespace decision_bounds::python

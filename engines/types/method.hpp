@@ -1,55 +1,79 @@
 #pragma once
 
-// How Python enters the module: the C functions of methods and of __init__.
+// How Python enters the module: the C functions of methods and functions.
+
+#include <tuple>
 
 #include "capi/type.hpp"
 #include "host/state.hpp"
+#include "stub.hpp"
 
 namespace decision_bounds::python {
 
-/// The C function of a method whose body is `Owned body(State&, Object&, const Arguments&)`.
-template <auto Body>
-struct Method;
+/// The C functions of a callable whose body is `Result body(State&, Object&, Parameters...)`. Each
+/// argument is converted to the type of its parameter, null where it was left out; then the body is
+/// called. `Object` is PyObject, the module, for a function of the module.
+template <const Signature& signature, auto Body>
+struct Entry;
 
-template <class Object, Owned (*Body)(State&, Object&, const Arguments&)>
-struct Method<Body> {
+template <const Signature& signature, class Result, class Object, class... Parameters,
+          Result (*Body)(State&, Object&, Parameters...)>
+struct Entry<signature, Body> {
+  static_assert(sizeof...(Parameters) == signature.parameters.size(), "those of the stub");
+
   /// The state is that of the module whose type defines the method: a derived type may have been
   /// made anywhere.
-  static PyObject* entry(PyObject* self, PyTypeObject* defining, PyObject* const* arguments,
-                         Py_ssize_t count, PyObject* keyword_names) {
-    auto* state = static_cast<State*>(PyType_GetModuleState(defining));
+  static PyObject* method(PyObject* self, PyTypeObject* defining, PyObject* const* arguments,
+                          Py_ssize_t count, PyObject* keyword_names) {
+    return enter(PyType_GetModuleState(defining), self, {arguments, count, keyword_names, nullptr});
+  }
+
+  static PyObject* function(PyObject* module, PyObject* const* arguments, Py_ssize_t count,
+                            PyObject* keyword_names) {
+    return enter(PyModule_GetState(module), module, {arguments, count, keyword_names, nullptr});
+  }
+
+ private:
+  static PyObject* enter(void* found, PyObject* self, const Arguments& arguments) {
+    auto* state = static_cast<State*>(found);
     const auto body = [&] {
       if (state == nullptr) throw_raised();  // the collector took the type from its module
-      return Body(alive(*state), *reinterpret_cast<Object*>(self),
-                  {arguments, count, keyword_names, nullptr})
-          .release();
+      std::array<PyObject*, sizeof...(Parameters)> values{};
+      alive(*state);
+      sort_arguments(signature, arguments, values);
+      auto& object = *reinterpret_cast<Object*>(self);
+      constexpr std::index_sequence_for<Parameters...> all;
+      if constexpr (std::is_void_v<Result>) {
+        run(*state, object, values, all);
+        return none().release();
+      } else {
+        return to_python(run(*state, object, values, all)).release();
+      }
     };
     return guarded<PyObject*>(nullptr, body, LibraryErrors{state});
   }
+
+  template <std::size_t... I>
+  static Result run(State& state, Object& self,
+                    [[maybe_unused]] std::span<PyObject* const, sizeof...(I)> values,
+                    std::index_sequence<I...>) {
+    // Within braces they are converted in their order.
+    std::tuple<std::remove_cvref_t<Parameters>...> converted{
+        as<std::remove_cvref_t<Parameters>>(values[I], signature.parameters[I])...};
+    const auto body = [&](auto&&... given) -> Result {
+      return Body(state, self, std::forward<decltype(given)>(given)...);
+    };
+    return std::apply(body, std::move(converted));
+  }
 };
 
-/// A row of a method table; `doc` begins with the signature.
-template <auto Body>
-PyMethodDef method(const char* name, const char* doc) noexcept {
+/// A row of a method table.
+template <const Signature& signature, auto Body>
+PyMethodDef method() noexcept {
   // cppcheck-suppress throwInNoexceptFunction ; nothing is called here
-  return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(&Method<Body>::entry)),
-          METH_METHOD | METH_FASTCALL | METH_KEYWORDS, doc};
-}
-
-/// For a method without parameters.
-inline void take_none(const char* function, const Arguments& arguments) {
-  sort_arguments({function, {}, 0, 0}, arguments, {});
-}
-
-/// The __init__ of a type whose parameters are fields.
-template <class Object>
-int init_slot(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  return guarded<int>(-1, [&] {
-    const State& state = state_of(self);
-    initialise(self, state.module, Object::name, Object::fields,
-               {&PyTuple_GET_ITEM(arguments, 0), PyTuple_GET_SIZE(arguments), nullptr, keywords});
-    return 0;
-  });
+  auto* entry = reinterpret_cast<void (*)()>(&Entry<signature, Body>::method);
+  return {signature.name, reinterpret_cast<PyCFunction>(entry),
+          METH_METHOD | METH_FASTCALL | METH_KEYWORDS, signature.doc};
 }
 
 /// The functions and classes of the module.

@@ -2,86 +2,52 @@
 
 #include "host/records.hpp"
 
-#include "docs.hpp"
 #include "types/method.hpp"
 
 namespace decision_bounds::python {
 namespace {
 
 constexpr Field held_fields[] = {
-    {"holders", DECISION_BOUNDS_PLACE(HeldObject, record.holders), "holders"},
-    {"amount", DECISION_BOUNDS_PLACE(HeldObject, record.amount), "amount"},
-    {"unbounded", DECISION_BOUNDS_PLACE(HeldObject, record.unbounded), "unbounded"}};
+    {"holders", DECISION_BOUNDS_PLACE(HeldObject, record.holders)},
+    {"amount", DECISION_BOUNDS_PLACE(HeldObject, record.amount)},
+    {"unbounded", DECISION_BOUNDS_PLACE(HeldObject, record.unbounded)}};
 
-Owned admits(State&, HeldObject& self, const Arguments& arguments) {
-  constexpr Parameters<3> parameters{"admits", {"share", "used", "limit"}};
-  const auto [share, used, limit] = parameters.sorted(arguments);
-  const double wanted = as_double(share, "share");
-  const double settled = as_double(used, "used");
-  const double most = as_double(limit, "limit");
-  return to_bool(self.record.admits(wanted, settled, most));
+bool admits(State&, HeldObject& self, double share, double used, double limit) {
+  return self.record.admits(share, used, limit);
 }
 
-Owned take(State&, HeldObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"take", {"share"}};
-  self.record.take(as_double(parameters.sorted(arguments)[0], "share"));
-  return none();
-}
+void take(State&, HeldObject& self, double share) { self.record.take(share); }
 
-Owned give_back(State&, HeldObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"give_back", {"share"}};
-  self.record.give_back(as_double(parameters.sorted(arguments)[0], "share"));
-  return none();
-}
+void give_back(State&, HeldObject& self, double share) { self.record.give_back(share); }
+
+PyMethodDef held_methods[] = {method<stub::Held_admits, admits>(),
+                              method<stub::Held_take, take>(),
+                              method<stub::Held_give_back, give_back>(),
+                              {}};
 
 constexpr Field charges_fields[] = {
-    {"per_byte", DECISION_BOUNDS_PLACE(ChargesObject, record.per_byte), "per_byte"},
-    {"per_call", DECISION_BOUNDS_PLACE(ChargesObject, record.per_call), "per_call"}};
+    {"per_byte", DECISION_BOUNDS_PLACE(ChargesObject, record.per_byte)},
+    {"per_call", DECISION_BOUNDS_PLACE(ChargesObject, record.per_call)}};
 
-Owned bound(State&, ChargesObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"bound", {"size"}};
-  PyObject* size = parameters.sorted(arguments)[0];
-  return to_python(self.record.bound(as_int64(size, "size")));
+double bound(State&, ChargesObject& self, std::int64_t size) { return self.record.bound(size); }
+
+void learn(State&, ChargesObject& self, std::int64_t size, double charge) {
+  self.record.learn(size, charge);
 }
 
-Owned learn(State&, ChargesObject& self, const Arguments& arguments) {
-  constexpr Parameters<2> parameters{"learn", {"size", "charge"}};
-  const auto [size, charge] = parameters.sorted(arguments);
-  const std::int64_t bytes = as_int64(size, "size");
-  self.record.learn(bytes, as_double(charge, "charge"));
-  return none();
-}
-
-template <class Object>
-Owned reduced(State&, Object& self, const Arguments& arguments) {
-  take_none("__reduce__", arguments);
-  return reduce(object_of(self), Object::fields);
-}
-
-PyMethodDef held_methods[] = {method<admits>("admits", doc::Held_admits),
-                              method<take>("take", doc::Held_take),
-                              method<give_back>("give_back", doc::Held_give_back),
-                              method<reduced<HeldObject>>("__reduce__", nullptr),
-                              {}};
-PyMethodDef charges_methods[] = {method<bound>("bound", doc::Charges_bound),
-                                 method<learn>("learn", doc::Charges_learn),
-                                 method<reduced<ChargesObject>>("__reduce__", nullptr),
-                                 {}};
+PyMethodDef charges_methods[] = {
+    method<stub::Charges_bound, bound>(), method<stub::Charges_learn, learn>(), {}};
 
 }  // namespace
 
-constinit const Fields HeldObject::fields = held_fields;
-constinit const Fields ChargesObject::fields = charges_fields;
-
 PyTypeObject* make_held_type(PyObject* module) {
-  return make_record_type<HeldObject, &HeldObject::record>(
-      module, {"decision_bounds._Held", doc::Held, held_methods, init_slot<HeldObject>});
+  return make_record_type<HeldObject, held_fields, &HeldObject::record>(
+      module, {stub::Held, held_methods, init_slot<stub::Held, held_fields>});
 }
 
 PyTypeObject* make_charges_type(PyObject* module) {
-  return make_record_type<ChargesObject, &ChargesObject::record>(
-      module,
-      {"decision_bounds._Charges", doc::Charges, charges_methods, init_slot<ChargesObject>});
+  return make_record_type<ChargesObject, charges_fields, &ChargesObject::record>(
+      module, {stub::Charges, charges_methods, init_slot<stub::Charges, charges_fields>});
 }
 
 }  // namespace decision_bounds::python

@@ -1,4 +1,3 @@
-#include "docs.hpp"
 #include "host/locks.hpp"
 #include "host/records.hpp"
 #include "host/reply.hpp"
@@ -11,32 +10,25 @@ namespace {
 struct RequestRatesObject {
   ObjectHead head;
   PyObject *lock, *cost, *tokens, *features;
-  static constexpr const char* name = "RequestRates";
-  static const Fields fields;
 };
 
 void check_set(PyObject* value, const char* shown) {
-  if (!PySet_Check(value)) {
-    raise(PyExc_TypeError, "%s must be a set, not %.200s", shown, Py_TYPE(value)->tp_name);
-  }
+  require(PySet_Check(value), value, shown, "a set");
 }
 
-Owned new_lock(PyObject* module) { return call(module_state(module)[Kept::new_lock]); }
+Owned new_lock(PyObject* self) { return call(state_of(self)[Kept::new_lock]); }
 
-Owned new_charges(PyObject* module) { return call(module_state(module).type(Known::charges)); }
+Owned new_charges(PyObject* self) { return call(state_of(self).type(Known::charges)); }
 
 Owned new_features(PyObject*) {
   return checked([] { return PySet_New(nullptr); });
 }
 
 constexpr Field rates_fields[] = {
-    object_field("_lock", DECISION_BOUNDS_PLACE(RequestRatesObject, lock), check_lock, new_lock),
-    object_field("_cost", DECISION_BOUNDS_PLACE(RequestRatesObject, cost), check_charges,
-                 new_charges),
-    object_field("_tokens", DECISION_BOUNDS_PLACE(RequestRatesObject, tokens), check_charges,
-                 new_charges),
-    object_field("_features", DECISION_BOUNDS_PLACE(RequestRatesObject, features), check_set,
-                 new_features)};
+    {"_lock", DECISION_BOUNDS_PLACE(RequestRatesObject, lock), check_lock, new_lock},
+    {"_cost", DECISION_BOUNDS_PLACE(RequestRatesObject, cost), check_charges, new_charges},
+    {"_tokens", DECISION_BOUNDS_PLACE(RequestRatesObject, tokens), check_charges, new_charges},
+    {"_features", DECISION_BOUNDS_PLACE(RequestRatesObject, features), check_set, new_features}};
 
 /// The set of features, and the one that an operation is about. A set may hold what a host has put
 /// there: to look a feature up may call the `__eq__` of an object with the same hash.
@@ -71,12 +63,10 @@ class RatesOperation {
   /// What `read` says of the rules.
   template <class Read>
   double reading(Read read) {
-    double answer = 0.0;
-    deferred_.run([&] { answer = lock_.reading([&] { return read(rules_, features_); }); });
-    return answer;
+    return deferred_.run([&] { return lock_.reading([&] { return read(rules_, features_); }); });
   }
   void learn(std::int64_t size, const PythonReply& reply) {
-    deferred_.run([&] { rules_.learn(size, features_, reply); });
+    deferred_.run([&] { return rules_.learn(size, features_, reply), true; });
   }
 
  private:
@@ -89,53 +79,38 @@ class RatesOperation {
 
 /// Features are told apart as exact strings, whatever a subclass of str says of equality.
 Owned as_feature(PyObject* feature) {
-  if (!PyUnicode_Check(feature)) {
-    raise(PyExc_TypeError, "feature must be a str, not %.200s", Py_TYPE(feature)->tp_name);
-  }
+  require(PyUnicode_Check(feature), feature, "feature", "a str");
   return checked([=] { return PyUnicode_FromObject(feature); });
 }
 
-Owned cost(State& state, RequestRatesObject& self, const Arguments& arguments) {
-  constexpr Parameters<2> parameters{"cost", {"size", "feature"}};
-  const auto [size, feature] = parameters.sorted(arguments);
-  const std::int64_t bytes = as_int64(size, "size");
+double cost(State& state, RequestRatesObject& self, std::int64_t size, PyObject* feature) {
   const Owned text = as_feature(feature);
   RatesOperation rates(state, self, text.get(), true);
-  return to_python(
-      rates.reading([&](auto& rules, auto& features) { return rules.cost(bytes, features); }));
+  return rates.reading([&](auto& rules, auto& features) { return rules.cost(size, features); });
 }
 
-Owned tokens(State& state, RequestRatesObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"tokens", {"size"}};
-  const std::int64_t bytes = as_int64(parameters.sorted(arguments)[0], "size");
+double tokens(State& state, RequestRatesObject& self, std::int64_t size) {
   RatesOperation rates(state, self, nullptr, true);
-  return to_python(
-      rates.reading([&](auto& rules, auto& features) { return rules.tokens(bytes, features); }));
+  return rates.reading([&](auto& rules, auto& features) { return rules.tokens(size, features); });
 }
 
-Owned learn(State& state, RequestRatesObject& self, const Arguments& arguments) {
-  constexpr Parameters<3> parameters{"learn", {"size", "feature", "reply"}};
-  const auto [size, feature, reply] = parameters.sorted(arguments);
-  const std::int64_t bytes = as_int64(size, "size");
+void learn(State& state, RequestRatesObject& self, std::int64_t size, PyObject* feature,
+           PyObject* reply) {
   const Owned text = as_feature(feature);
   const PythonReply paid(state, as_reply(reply, "reply"));
-  RatesOperation rates(state, self, text.get(), false);
-  rates.learn(bytes, paid);
-  return none();
+  RatesOperation(state, self, text.get(), false).learn(size, paid);
 }
 
-PyMethodDef methods[] = {method<cost>("cost", doc::RequestRates_cost),
-                         method<tokens>("tokens", doc::RequestRates_tokens),
-                         method<learn>("learn", doc::RequestRates_learn),
+PyMethodDef methods[] = {method<stub::RequestRates_cost, cost>(),
+                         method<stub::RequestRates_tokens, tokens>(),
+                         method<stub::RequestRates_learn, learn>(),
                          {}};
-
-constinit const Fields RequestRatesObject::fields = rates_fields;
 
 }  // namespace
 
 PyTypeObject* make_request_rates_type(PyObject* module) {
-  return make_type<RequestRatesObject>(module, {"decision_bounds.RequestRates", doc::RequestRates,
-                                                methods, init_slot<RequestRatesObject>});
+  return make_type<RequestRatesObject, rates_fields>(
+      module, {stub::RequestRates, methods, init_slot<stub::RequestRates, rates_fields>});
 }
 
 }  // namespace decision_bounds::python

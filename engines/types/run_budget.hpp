@@ -1,6 +1,5 @@
 #pragma once
 
-#include "host/reply.hpp"
 #include "run_budget_rules.hpp"
 #include "types/bound.hpp"
 
@@ -11,13 +10,10 @@ struct RunBudgetObject {
   RunCounts counts;
   PyObject *should_stop, *held_tokens, *changed;
   ConditionParts changed_parts;
-  static constexpr const char* name = "RunBudget";
-  static const Fields fields;
 };
 
-inline bool should_stop(const State& state, const RunBudgetObject& self) {
-  auto* object = const_cast<PyObject*>(reinterpret_cast<const PyObject*>(&self));
-  PyObject* field = set_or_raise(self.should_stop, object, "should_stop");
+inline bool should_stop(const State& state, RunBudgetObject& self) {
+  PyObject* field = set_or_raise(self.should_stop, object_of(self), "should_stop");
   if (field == state[Kept::never]) return false;
   const Owned signal = Owned::copy(field);  // it may replace itself while it runs
   return truth(call(signal.get()));
@@ -59,7 +55,8 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
     const Owned step = override_of(Name::_summary_locked);
     if (!step) return RunBudgetRules::printed_summary_locked();
     const Owned summary = call(step.get());
-    return as_string(checked([&] { return PyObject_Str(summary.get()); }).get(), "the summary");
+    return as<std::string>(checked([&] { return PyObject_Str(summary.get()); }).get(),
+                           "the summary");
   }
 
   double poll_seconds() override { return python::poll_seconds(state_); }
@@ -80,36 +77,25 @@ class BudgetOperation final : public BoundOperation, public internal::RunBudgetR
 
   /// The admission of hold().
   void admit(PyObject* tokens) {
-    if (const Owned step = override_of(Name::reserve)) {
-      call(step.get(), tokens);
-    } else {
-      with_amount(tokens, [this](double amount) { reserve(amount); });
-    }
-  }
-
-  /// The give-back of a share. What a host has put in the place of release or charge is the host's
-  /// own from there on: what it leaves undone stays held.
-  void end(PyObject* tokens, PyObject* reply) {
-    const PythonReply paid(state_, reply);
-    with_amount(tokens,
-                [&](double amount) { give_back(amount, reply == Py_None ? nullptr : &paid); });
+    const Owned step = override_of(Name::reserve);
+    if (!step) return with_amount(tokens, [this](double amount) { reserve(amount); });
+    call(step.get(), tokens);
   }
 
  private:
+  // The ends of a share. What a host has put in the place of release or charge is the host's own
+  // from there on: what it leaves undone stays held.
+
   void end_unpaid(double tokens) override {
-    if (const Owned step = override_of(Name::release)) {
-      call(step.get(), amounts_.amount());
-    } else {
-      RunBudgetRules::end_unpaid(tokens);
-    }
+    const Owned step = override_of(Name::release);
+    if (!step) return RunBudgetRules::end_unpaid(tokens);
+    call(step.get(), amounts_.amount());
   }
 
   void end_paid(const PaidReply& reply, double tokens) override {
-    if (const Owned step = override_of(Name::charge)) {
-      call(step.get(), static_cast<const PythonReply&>(reply).object(), amounts_.amount());
-    } else {
-      RunBudgetRules::end_paid(reply, tokens);
-    }
+    const Owned step = override_of(Name::charge);
+    if (!step) return RunBudgetRules::end_paid(reply, tokens);
+    call(step.get(), static_cast<const PythonReply&>(reply).object(), amounts_.amount());
   }
 
   RunBudgetObject& object_;

@@ -1,27 +1,22 @@
 #include "types/share.hpp"
 
-#include "docs.hpp"
 #include "settle_once.hpp"
 #include "types/method.hpp"
 
 namespace decision_bounds::python {
-namespace {
 
-void call_target(State&, PyObject* target, PyObject*, PyObject* reply) { call(target, reply); }
-Owned target_itself(State&, PyObject* target, PyObject*) { return Owned::copy(target); }
-
-}  // namespace
-
-const GiveBack calls_target{call_target, target_itself};
+constexpr GiveBack calls_target{
+    [](State&, PyObject* target, PyObject*, PyObject* reply) { call(target, reply); },
+    [](State&, PyObject* target, PyObject*) { return Owned::copy(target); }};
 
 namespace {
 
 /// Of a share that counts against no bound: `target` is _nothing, and nobody misses its call.
-const GiveBack gives_nothing_back{call_target, target_itself};
+constexpr GiveBack gives_nothing_back = calls_target;
 
 /// Of a share that has been given back: there is no target.
-const GiveBack given_back{[](State&, PyObject*, PyObject*, PyObject*) {},
-                          [](State&, PyObject*, PyObject*) { return none(); }};
+constexpr GiveBack given_back{[](State&, PyObject*, PyObject*, PyObject*) {},
+                              [](State&, PyObject*, PyObject*) { return none(); }};
 
 constexpr Field share_fields[] = {{nullptr, DECISION_BOUNDS_PLACE(ShareObject, target)},
                                   {nullptr, DECISION_BOUNDS_PLACE(ShareObject, amount)}};
@@ -64,15 +59,15 @@ PyObject* get_action(PyObject* self, void*) {
 
 int set_action(PyObject* self, PyObject* value, void*) {
   return guarded<int>(-1, [=] {
-    Action before{};
-    if (value == nullptr) {
-      before = exchange(set_share(self), nullptr, {});
-    } else if (value == Py_None) {
-      before = exchange(*reinterpret_cast<ShareObject*>(self), &given_back, {});
+    auto& share = *reinterpret_cast<ShareObject*>(self);
+    const GiveBack* how = value == Py_None ? &given_back : &calls_target;
+    if (value != nullptr) {
+      check_callable_or_none(value, "_give_back");
     } else {
-      Owned action = Owned::copy(as_callable(value, "_give_back"));
-      before = exchange(*reinterpret_cast<ShareObject*>(self), &calls_target, std::move(action));
+      set_share(self);  // raises where it is deleted already
+      how = nullptr;
     }
+    const Action before = exchange(share, how, Owned::copy(value));
     return 0;
   });
 }
@@ -80,10 +75,11 @@ int set_action(PyObject* self, PyObject* value, void*) {
 int init(PyObject* self, PyObject* arguments, PyObject* keywords) {
   return guarded<int>(-1, [=] {
     const State& state = state_of(self);
-    const auto [give_back] = Parameters<1>{"Share", {"give_back"}, 1, 0}.sorted(
-        {&PyTuple_GET_ITEM(arguments, 0), PyTuple_GET_SIZE(arguments), nullptr, keywords});
     PyObject* nothing = state[Kept::nothing];
-    PyObject* action = give_back != nullptr ? as_callable(give_back, "give_back") : nothing;
+    PyObject* action = nullptr;
+    sort_arguments(stub::Share, arguments_of_init(arguments, keywords), {&action, 1});
+    if (action == nullptr) action = nothing;
+    check_callable(action, "give_back");
     const Action before =
         exchange(*reinterpret_cast<ShareObject*>(self),
                  action == nothing ? &gives_nothing_back : &calls_target, Owned::copy(action));
@@ -91,7 +87,7 @@ int init(PyObject* self, PyObject* arguments, PyObject* keywords) {
   });
 }
 
-void settle_with(State& state, ShareObject& self, PyObject* reply) {
+void settle(State& state, ShareObject& self, PyObject* reply) {
   set_share(object_of(self));
   // The interpreter's lock makes the exchange one step.
   struct Taken : Action {
@@ -102,25 +98,12 @@ void settle_with(State& state, ShareObject& self, PyObject* reply) {
   internal::settle_once([&] { return Taken{exchange(self, &given_back, {}), &state}; }, reply);
 }
 
-Owned settle(State& state, ShareObject& self, const Arguments& arguments) {
-  constexpr Parameters<1> parameters{"settle", {"reply"}};
-  settle_with(state, self, parameters.sorted(arguments)[0]);
-  return none();
-}
-
 PyObject* enter(PyObject* self, PyObject*) { return Py_NewRef(self); }
 
-Owned exit(State& state, ShareObject& self, const Arguments& arguments) {
-  if (arguments.keyword_names != nullptr) {
-    raise(PyExc_TypeError, "__exit__() takes no keyword arguments");
-  }
-  auto* object = object_of(self);
-  if (const Owned step = override_of(object, state[Known::share], state.name(Name::settle))) {
-    call(step.get(), Py_None);
-  } else {
-    settle_with(state, self, Py_None);
-  }
-  return none();
+void exit(State& state, ShareObject& self) {
+  const Owned step = override_of(object_of(self), state[Known::share], state.name(Name::settle));
+  if (!step) return settle(state, self, Py_None);
+  call(step.get(), Py_None);
 }
 
 /// Says that a share which holds something is dropped. It gives nothing back: this may run on any
@@ -137,14 +120,12 @@ void finalize(PyObject* self) {
   if (pending != nullptr) set_raised(pending);
 }
 
-PyMethodDef methods[] = {method<settle>("settle", doc::Share_settle),
-                         {"__enter__", enter, METH_NOARGS, doc::Share_enter},
-                         method<exit>("__exit__", doc::Share_exit),
+PyMethodDef methods[] = {method<stub::Share_settle, settle>(),
+                         {"__enter__", enter, METH_NOARGS, stub::Share_enter.doc},
+                         method<stub::Share_exit, exit>(),
                          {}};
 
 }  // namespace
-
-constinit const Fields ShareObject::fields = share_fields;
 
 Owned new_share(const State& state) {
   auto* type = reinterpret_cast<PyTypeObject*>(state.type(Known::share));
@@ -159,13 +140,12 @@ void arm(const Owned& share, const GiveBack& how, PyObject* target, Owned amount
 }
 
 PyTypeObject* make_share_type(PyObject* module) {
-  return make_type<ShareObject>(module,
-                                {.name = "decision_bounds.Share",
-                                 .doc = doc::Share,
-                                 .methods = methods,
-                                 .init = init,
-                                 .extra = {"_give_back", get_action, set_action, nullptr, nullptr},
-                                 .finalize = finalize});
+  return make_type<ShareObject, share_fields>(
+      module, {.signature = stub::Share,
+               .methods = methods,
+               .init = init,
+               .extra = {"_give_back", get_action, set_action, nullptr, nullptr},
+               .finalize = finalize});
 }
 
 }  // namespace decision_bounds::python

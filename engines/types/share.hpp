@@ -20,7 +20,6 @@ struct ShareObject {
   ObjectHead head;
   const GiveBack* how;  // null: never set
   PyObject *target, *amount;
-  static const Fields fields;
 };
 
 /// A new share that holds nothing yet. Made before its call is admitted, so that nothing can fail
