@@ -34,6 +34,7 @@ from typing import Any, ClassVar, Protocol, TypedDict, TypeVar, runtime_checkabl
 
 _S = TypeVar("_S", bound=Share)
 
+__version__: str
 logger: Logger
 _POLL_S: float
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "decision_bounds/version.hpp"
 #include "python_sources.hpp"
 #include "types/method.hpp"
 #include "waiting.hpp"
@@ -109,6 +110,7 @@ void execute(PyObject* module) {
   state.module = module;
   intern_names(state);
   take_from_host(state);
+  bind(module, "__version__", to_python(std::string_view(DECISION_BOUNDS_VERSION)).get());
   bind(module, "logger", state[Kept::logger]);
   bind(module, "_POLL_S", to_python(internal::poll_s).get());
   bind_declared(module, state);

@@ -1,4 +1,5 @@
-"""Puts the built module in place: under its own name, and in the example client's `engines`."""
+"""Puts the module in place, as built or as installed: under its own name, and in the example
+client's `engines`."""
 
 import os
 import sys
@@ -8,8 +9,8 @@ import pytest
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 FOLDER = Path(os.environ.get("DECISION_BOUNDS_MODULE_DIR", REPOSITORY / "build/release/engines"))
-if not any(FOLDER.glob("decision_bounds.*.so")):
-    raise pytest.UsageError(f"no built module in {FOLDER} (set DECISION_BOUNDS_MODULE_DIR)")
+if not [*FOLDER.glob("decision_bounds.*.so"), *FOLDER.glob("decision_bounds/__init__.*.so")]:
+    raise pytest.UsageError(f"no module in {FOLDER} (set DECISION_BOUNDS_MODULE_DIR)")
 sys.path[:0] = [str(FOLDER), str(REPOSITORY / "examples")]
 
 import decision_client.engines  # noqa: E402

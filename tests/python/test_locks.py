@@ -111,7 +111,7 @@ def test_a_lock_that_fails_is_let_go_and_stops_all_but_a_give_back(name, error, 
     assert world.state() == expected and not world.holds_a_lock()
 
 
-@pytest.mark.parametrize("conditions", product([threading.Condition, OtherCondition], repeat=2))
+@pytest.mark.parametrize("conditions", [*product([threading.Condition, OtherCondition], repeat=2)])
 @pytest.mark.parametrize("name", [*GIVE_BACKS, *CHARGES])
 def test_an_interrupt_ends_the_wait_for_a_lock_but_a_give_back_begins_afresh(name, conditions):
     def interrupt(*_):
