@@ -36,9 +36,12 @@ for record in (_Held, _Charges, RunBudget):
     record.__match_args__ = tuple(name for name, *_ in PARAMETERS[record.__name__])
 
 
-def reduced(names):
-    return lambda self: (type(self), tuple(getattr(self, name) for name in names), vars(self))
+def reduce_to(names):
+    def __reduce__(self):
+        return type(self), tuple(getattr(self, name) for name in names), vars(self) or None
+
+    return __reduce__
 
 
 for record in (_Held, _Charges):
-    record.__reduce__ = reduced(record.__match_args__)
+    record.__reduce__ = reduce_to(record.__match_args__)

@@ -89,17 +89,20 @@ struct TypeParts {
   richcmpfunc compare = nullptr;  ///< and are equal by field, so not hashable
 };
 
-/// The attribute table of a type, for the life of the process. Each interpreter's import writes the
-/// same into it.
+/// The attribute table of a type, for the life of the process. Interpreters with locks of their own
+/// may import at once; it is written by the first.
 template <const auto& fields>
 PyGetSetDef* attributes_of(const PyGetSetDef& extra) {
-  static std::array<PyGetSetDef, std::size(fields) + 3> table{};  // the last row stays empty
-  auto row = table.begin();
-  for (const Field& field : fields) {
-    if (field.name != nullptr) *row++ = attribute_of(field);
-  }
-  *row++ = {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr};
-  *row = extra;
+  static auto table = [&] {
+    std::array<PyGetSetDef, std::size(fields) + 3> rows{};  // the last row stays empty
+    auto row = rows.begin();
+    for (const Field& field : fields) {
+      if (field.name != nullptr) *row++ = attribute_of(field);
+    }
+    *row++ = {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr};
+    *row = extra;
+    return rows;
+  }();
   return table.data();
 }
 

@@ -2,6 +2,7 @@
 
 // How Python enters the module: the C functions of methods and functions.
 
+#include <algorithm>
 #include <tuple>
 
 #include "capi/type.hpp"
@@ -21,11 +22,13 @@ template <const Signature& signature, class Result, class Object, class... Param
 struct Entry<signature, Body> {
   static_assert(sizeof...(Parameters) == signature.parameters.size(), "those of the stub");
 
-  /// The state is that of the module whose type defines the method: a derived type may have been
-  /// made anywhere.
-  static PyObject* method(PyObject* self, PyTypeObject* defining, PyObject* const* arguments,
-                          Py_ssize_t count, PyObject* keyword_names) {
-    return enter(PyType_GetModuleState(defining), self, {arguments, count, keyword_names, nullptr});
+  /// The state is that of the module that made the type or one of its bases. (METH_METHOD would
+  /// hand the type over, but CPython crashes where __get__(object) alone binds such a method.)
+  static PyObject* method(PyObject* self, PyObject* const* arguments, Py_ssize_t count,
+                          PyObject* keyword_names) {
+    PyObject* module = PyType_GetModuleByDef(Py_TYPE(self), &module_definition);
+    return enter(module != nullptr ? PyModule_GetState(module) : nullptr, self,
+                 {arguments, count, keyword_names, nullptr});
   }
 
   static PyObject* function(PyObject* module, PyObject* const* arguments, Py_ssize_t count,
@@ -40,7 +43,13 @@ struct Entry<signature, Body> {
       if (state == nullptr) throw_raised();  // the collector took the type from its module
       std::array<PyObject*, sizeof...(Parameters)> values{};
       alive(*state);
-      sort_arguments(signature, arguments, values);
+      constexpr bool may_come_by_position = values.size() <= signature.positional;
+      if (may_come_by_position && arguments.count == std::ssize(values) &&
+          arguments.keyword_names == nullptr) {  // the usual call, without a loop
+        std::copy_n(arguments.positional, values.size(), values.begin());
+      } else {
+        sort_arguments(signature, arguments, values);
+      }
       auto& object = *reinterpret_cast<Object*>(self);
       constexpr std::index_sequence_for<Parameters...> all;
       if constexpr (std::is_void_v<Result>) {
@@ -72,8 +81,8 @@ template <const Signature& signature, auto Body>
 PyMethodDef method() noexcept {
   // cppcheck-suppress throwInNoexceptFunction ; nothing is called here
   auto* entry = reinterpret_cast<void (*)()>(&Entry<signature, Body>::method);
-  return {signature.name, reinterpret_cast<PyCFunction>(entry),
-          METH_METHOD | METH_FASTCALL | METH_KEYWORDS, signature.doc};
+  return {signature.name, reinterpret_cast<PyCFunction>(entry), METH_FASTCALL | METH_KEYWORDS,
+          signature.doc};
 }
 
 /// The functions and classes of the module.

@@ -12,6 +12,8 @@ def main():
             thing = made.__new__(made)
             for arguments in ARGUMENTS:
                 attempt(lambda arguments=arguments: getattr(thing, name)(*arguments))
+                # As a host binds what it has replaced:
+                attempt(lambda arguments=arguments: vars(made)[name].__get__(thing)(*arguments))
             for change in (setattr, thing, name, None), (delattr, thing, name):
                 attempt(*change)
                 attempt(repr, thing)
