@@ -2,11 +2,12 @@
 
 import threading
 from collections import Counter
-from collections.abc import Callable, Iterable, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from concurrent.futures import FIRST_EXCEPTION, ThreadPoolExecutor, wait
 from dataclasses import dataclass, field
 from pathlib import Path
 
+from decision_client.database import StorageError
 from decision_client.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,
@@ -35,6 +36,8 @@ class PassReport:
     """Files left out because the pass was refused or stopped before their turn."""
     refused: int = 0
     """Calls that a bound refused."""
+    storage: str | None = None
+    """What is wrong with the ledger or the output; it ends the pass."""
     refusal: str | None = None
     """The first refusal's message, as the bound raised it."""
     windows: int = 0
@@ -78,10 +81,10 @@ class BatchPass:
         self, files: Sequence[Path], workers: int, show: Callable[[PassReport], None]
     ) -> PassReport:
         """Work through `files` on `workers` threads; `show` is called ten times a second."""
-        self._report = PassReport(files=len(files))
+        self._report, left = PassReport(files=len(files)), iter(files)
         with ThreadPoolExecutor(workers) as pool:
             try:
-                pending = {pool.submit(self._work_on, file) for file in files}
+                pending = {pool.submit(self._work_off, left) for _ in range(workers)}
                 while pending:
                     done, pending = wait(pending, REFRESH_S, FIRST_EXCEPTION)
                     for future in done:
@@ -92,15 +95,20 @@ class BatchPass:
                 raise
         return self._report
 
-    def _work_on(self, file: Path) -> None:
-        """Answer one file and count what became of it."""
-        outcome: str | Exception | None
-        try:
-            outcome = self._decide(file)
-        except (DecisionError, OSError) as error:
-            outcome = error
-        with self._lock:
-            self._count(file, outcome)
+    def _work_off(self, left: Iterator[Path]) -> None:
+        """Answer one file after the other, and count what becomes of each."""
+        while True:
+            with self._lock:
+                file = next(left, None)
+            if file is None:
+                return
+            outcome: str | Exception | None
+            try:
+                outcome = self._decide(file)
+            except (DecisionError, OSError, StorageError) as error:
+                outcome = error
+            with self._lock:
+                self._count(file, outcome)
 
     def _count(self, file: Path, outcome: str | Exception | None) -> None:
         report = self._report
@@ -114,6 +122,10 @@ class BatchPass:
                 report.refusal = report.refusal or str(outcome)
             case DecisionStopped() | None:
                 report.unasked += 1
+            case StorageError():
+                report.unasked += 1
+                report.storage = report.storage or str(outcome)
+                self._stop.set()
             case _:
                 report.failed.append((file, str(outcome)))
 

@@ -1,21 +1,26 @@
-"""The commands: `batch`, `tool` and `spend`."""
+"""The commands: `batch`, `tool`, `spend`, `settle-lost` and `endpoint`."""
 
 import argparse
 import logging
-import signal
-import sqlite3
 import sys
 import threading
 import time
-from collections.abc import Callable, Iterator
-from contextlib import ExitStack, contextmanager
-from types import FrameType
+from collections.abc import Callable
+from contextlib import ExitStack
 
 from rich.console import Console
 from rich.logging import RichHandler
 
 from decision_client.batch import BatchPass, find_files, read_text
-from decision_client.display import PassView, day_table, dollars, say, show_failures
+from decision_client.database import StorageError
+from decision_client.display import (
+    PassView,
+    day_table,
+    dollars,
+    lost_table,
+    say,
+    show_failures,
+)
 from decision_client.endpoint import Endpoint, Faults
 from decision_client.engines.decision_bounds import (
     DailySpend,
@@ -30,9 +35,11 @@ from decision_client.ledger import Ledger
 from decision_client.options import parse
 from decision_client.paid_calls import Attempts, PaidCalls
 from decision_client.request import Request
+from decision_client.signals import stop_on_signals
 from decision_client.transport import EndpointClient
 
-ANSWERED, FAILED, USAGE, REFUSED, TIMED_OUT, UNAVAILABLE, STOPPED = 0, 1, 2, 3, 4, 5, 130
+ANSWERED, FAILED, USAGE, REFUSED, TIMED_OUT, UNAVAILABLE, STORAGE = range(7)
+STOPPED = 130
 
 
 class WrongArgument(Exception):
@@ -45,18 +52,27 @@ def main(arguments: list[str] | None = None) -> int:
     console = Console()
     warnings = RichHandler(console=console, show_time=False, show_path=False)
     logging.basicConfig(format="%(message)s", handlers=[warnings])
-    command = {"batch": batch, "tool": tool, "spend": spend}[chosen.command]
+    command = {
+        "batch": batch,
+        "tool": tool,
+        "spend": spend,
+        "settle-lost": settle_lost,
+        "endpoint": endpoint,
+    }[chosen.command]
+    scope = ExitStack()
     try:
-        with ExitStack() as scope:
-            return command(chosen, console, scope)
+        with scope:
+            code = command(chosen, console, scope)
+        return code
     except WrongArgument as error:
         print(f"decision_client: error: argument {error}", file=sys.stderr)
-    except sqlite3.Error as error:
-        print(f"decision_client: error: argument --db: {chosen.db}: {error}", file=sys.stderr)
+        return USAGE
+    except StorageError as error:
+        print(f"decision_client: error: {error}", file=sys.stderr)
+        return STORAGE
     except KeyboardInterrupt:
-        say(console, "Stopped.")
+        say(console, "Interrupted: what was on its way counts as lost (see settle-lost).")
         return STOPPED
-    return USAGE
 
 
 def batch(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
@@ -69,14 +85,17 @@ def batch(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int
         raise WrongArgument(f"PATH: no file there matches --glob {chosen.glob!r}")
     stop = threading.Event()
     budget = RunBudget(chosen.max_calls, chosen.max_tokens, should_stop=stop.is_set)
-    endpoint, calls = open_calls(chosen, scope, pause=stop.wait)
+    scope.enter_context(stop_on_signals(stop))
+    calls = open_calls(chosen, console, scope, pause=stop.wait)
     view = PassView(console, budget, calls.spend, chosen.cap, calls.tally)
     began = time.monotonic()
-    with interrupt_sets(stop), view.bars:
+    with view.bars:
         batch_pass = BatchPass(calls, budget, chosen.feature, stop)
         report = batch_pass.run(files, chosen.workers, view.show)
-    console.print(view.table(report, endpoint.billed, time.monotonic() - began))
+    console.print(view.table(report, time.monotonic() - began))
     show_failures(console, report)
+    if report.storage is not None:
+        raise StorageError(report.storage)
     if stop.is_set():
         say(console, "Stopped: the calls in flight have ended, and nothing is held.")
         return STOPPED
@@ -93,7 +112,10 @@ def tool(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
         request = Request(chosen.feature, read_text(chosen.path))
     except OSError as error:
         raise WrongArgument(f"PATH: {error}") from error
-    _, calls = open_calls(chosen, scope, pause=time.sleep)
+    interrupted = threading.Event()
+    interrupted.set()
+    scope.enter_context(stop_on_signals(interrupted))
+    calls = open_calls(chosen, console, scope, pause=time.sleep)
     try:
         answer = calls.decide(request, deadline=deadline)
     except DecisionError as error:
@@ -111,52 +133,85 @@ def tool(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
 
 def spend(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
     """Show what was paid today against the cap."""
-    ledger = open_ledger(chosen, scope)
+    check_ledger(chosen)
+    ledger = Ledger(chosen.db, read_only=True)  # a pass that goes on may keep its lock
+    scope.callback(ledger.close)
     day = ledger.today()
     settled = ledger.cost_of(day)
-    console.print(day_table(day, ledger.payments_of(day), settled, chosen.cap))
+    console.print(day_table(day, ledger.attempts_of(day), settled, chosen.cap))
     return ANSWERED
 
 
-def open_ledger(chosen: argparse.Namespace, scope: ExitStack) -> Ledger:
+def settle_lost(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
+    """Replace assumed costs by the real ones, then list what is still assumed."""
+    check_ledger(chosen)
+    ledger = open_ledger(chosen, console, scope)
+    lost = {attempt.id for attempt in ledger.lost()}
+    costs = dict(chosen.costs)
+    for id in costs.keys() - lost:
+        raise WrongArgument(f"CALL/ATTEMPT=USD: {id} is not a lost attempt")
+    if chosen.rest is not None:
+        costs |= {id: chosen.rest for id in lost - costs.keys()}
+    if costs:
+        ledger.settle_lost(costs)
+        say(console, f"Settled: {len(costs):,} attempts, now {dollars(sum(costs.values()))}")
+    console.print(lost_table(ledger.lost()))
+    return ANSWERED
+
+
+def endpoint(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
+    """Serve the stand-in until Ctrl-C or SIGTERM, for clients that name it with --endpoint."""
+    stop = threading.Event()
+    scope.enter_context(stop_on_signals(stop))
+    server = scope.enter_context(Endpoint(faults_of(chosen), port=chosen.port))
+    print(server.url, flush=True)
+    stop.wait()
+    say(console, f"Billed: {dollars(server.billed)} for {len(server.bill):,} calls")
+    return ANSWERED
+
+
+def check_ledger(chosen: argparse.Namespace) -> None:
+    """Refuse a wrong path: an empty ledger there would tell of no cost at all."""
+    if not chosen.db.is_file():
+        raise WrongArgument(f"--db: there is no ledger at {chosen.db}")
+
+
+def open_ledger(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> Ledger:
     """Open the ledger; it is closed with `scope`."""
     ledger = Ledger(chosen.db)
     scope.callback(ledger.close)
+    unfinished = ledger.recover()
+    if unfinished:
+        assumed = dollars(sum(attempt.assumed_cost for attempt in unfinished))
+        say(
+            console,
+            f"An earlier run died with {len(unfinished):,} attempts on their way. They count as "
+            f"lost, at {assumed}: settle-lost lists them.",
+        )
     return ledger
 
 
 def open_calls(
-    chosen: argparse.Namespace, scope: ExitStack, pause: Callable[[float], object]
-) -> tuple[Endpoint, PaidCalls]:
-    """Start an endpoint and make all that calls need; both end with `scope`."""
-    ledger = open_ledger(chosen, scope)
+    chosen: argparse.Namespace, console: Console, scope: ExitStack, pause: Callable[[float], object]
+) -> PaidCalls:
+    """Make all that calls need, with an endpoint unless one is named; all ends with `scope`."""
+    ledger = open_ledger(chosen, console, scope)
     rates = RequestRates()
     # What earlier runs learned holds in this one: the calls of a known feature need not run alone.
     for size, feature, reply in ledger.recent_replies():
         rates.learn(size, feature, reply)
-    faults = Faults(
+    url = chosen.endpoint or scope.enter_context(Endpoint(faults_of(chosen))).url
+    account = DailySpend(chosen.cap, ledger.today, ledger.cost_of)
+    client = EndpointClient(url)
+    return PaidCalls(client, ledger, account, rates, Attempts(chosen.attempts), pause)
+
+
+def faults_of(chosen: argparse.Namespace) -> Faults:
+    """The stand-in's switches."""
+    return Faults(
         latency_s=chosen.latency,
         failure_rate=chosen.failure_rate,
         lost_rate=chosen.lost_rate,
         refuse_every=chosen.refuse_every,
         refuse_for_s=chosen.refuse_for,
     )
-    endpoint = scope.enter_context(Endpoint(faults))
-    client = EndpointClient(endpoint.server_port)
-    account = DailySpend(chosen.cap, ledger.today, ledger.cost_of)
-    return endpoint, PaidCalls(client, ledger, account, rates, Attempts(chosen.attempts), pause)
-
-
-@contextmanager
-def interrupt_sets(stop: threading.Event) -> Iterator[None]:
-    """Have the first Ctrl-C set `stop`, so that a pass ends in order; a second one interrupts."""
-
-    def on_interrupt(_signal: int, _frame: FrameType | None) -> None:
-        signal.signal(signal.SIGINT, before)
-        stop.set()
-
-    before = signal.signal(signal.SIGINT, on_interrupt)
-    try:
-        yield
-    finally:
-        signal.signal(signal.SIGINT, before)

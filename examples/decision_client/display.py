@@ -10,6 +10,7 @@ from rich.text import Text
 
 from decision_client.batch import PassReport
 from decision_client.engines.decision_bounds import DailySpend, RunBudget
+from decision_client.ledger import LostAttempt
 from decision_client.tally import Tally
 
 MOST_FAILURES_SHOWN = 5
@@ -61,8 +62,8 @@ class PassView:
         self._draw(self._tokens, budget.input_tokens, budget.max_tokens, tokens)
         self._draw(self._day, settled + self._tally.held, self._cap, day)
 
-    def table(self, report: PassReport, billed: float, seconds: float) -> Table:
-        """The summary of a pass that took `seconds`; the endpoint billed `billed` US dollars."""
+    def table(self, report: PassReport, seconds: float) -> Table:
+        """The summary of a pass that took `seconds`."""
         summary, tally = self._budget.summary(), self._tally
         decided = ", ".join(f"{name} {count:,}" for name, count in sorted(report.decisions.items()))
         settled = self._spend.spent()
@@ -80,7 +81,6 @@ class PassView:
             [
                 ("settled today (UTC)", f"{dollars(settled)} of {dollars(self._cap)}"),
                 ("held at most, held now", f"{dollars(tally.most_held)}, {dollars(tally.held)}"),
-                ("billed by the endpoint", dollars(billed)),
             ],
             [
                 ("waits for room", f"{tally.waits:,} calls, {tally.waited_s:.2f} s in all"),
@@ -99,15 +99,14 @@ class PassView:
 
 
 def day_table(
-    day: str, payments: Iterable[tuple[str, str, int, float]], settled: float, cap: float
+    day: str, attempts: Iterable[tuple[str, str, int, float]], settled: float, cap: float
 ) -> Table:
-    """What one UTC day's payments came to, against the cap. Amounts are US dollars."""
-    kinds = {"reply": "replies", "lost": "lost replies"}
+    """What one UTC day's attempts came to, against the cap. Amounts are US dollars."""
     return _table(
         f"{day} (UTC)",
         [
-            (f"{feature}, {kinds[kind]}: {count:,}", dollars(cost))
-            for feature, kind, count, cost in payments
+            (f"{feature}, {state}: {count:,}", dollars(cost))
+            for feature, state, count, cost in attempts
         ],
         [
             ("settled", dollars(settled)),
@@ -115,6 +114,15 @@ def day_table(
             ("left", dollars(max(0.0, cap - settled))),
         ],
     )
+
+
+def lost_table(lost: Iterable[LostAttempt]) -> Table:
+    """The attempts that count at an assumed cost: when, for which request, how much."""
+    rows = [
+        (f"{one.id}", f"{one.day} {one.feature} {one.request[:12]} {dollars(one.assumed_cost)}")
+        for one in lost
+    ]
+    return _table("Attempts at an assumed cost", rows or [("none", "")])
 
 
 def _table(title: str, *sections: list[tuple[str, str]]) -> Table:

@@ -6,6 +6,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from decision_client.ledger import AttemptId
 from decision_client.request import INSTRUCTIONS
 
 EXIT_CODES = """\
@@ -15,8 +16,9 @@ exit codes:
   2    an argument is wrong
   3    refused: the budget of the pass or the day's cost cap is used up
   4    the tool's call ran out of its deadline
-  5    the endpoint refuses requests (tool)
-  130  stopped by Ctrl-C; a pass ends its calls in flight and prints its summary
+  5    the endpoint refuses requests
+  6    the ledger cannot be written, read or locked: without it no call is made
+  130  stopped by Ctrl-C, SIGTERM or SIGHUP; a pass ends its calls in flight first
 """
 
 
@@ -33,11 +35,15 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
     calls = _options(
         ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
         ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
+        ("--endpoint", str, "URL", None, "of the endpoint; without it, a stand-in of its own"),
+    )
+    stand_in = _options(
         ("--latency", _seconds, "S", 0.02, "of the endpoint, seconds"),
         ("--failure-rate", _rate, "P", 0.0, "of its replies that fail, 0 to 1"),
         ("--lost-rate", _rate, "P", 0.0, "of its replies that are billed and lost, 0 to 1"),
         ("--refuse-every", _number, "N", 0, "requests until it refuses all; 0: it never does"),
         ("--refuse-for", _seconds, "S", 0.5, "seconds that it refuses all"),
+        title="the stand-in for an endpoint",
     )
     a_pass = _options(
         ("--glob", str, "PATTERN", "*", "the files of a directory that are meant"),
@@ -56,21 +62,31 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
     def add(name: str, about: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
         return commands.add_parser(name, help=about, parents=parents, **described)
 
-    batch = add("batch", "one request a file, on several threads", a_pass, account, calls)
+    batch = add("batch", "one request a file, on several threads", a_pass, account, calls, stand_in)
     batch.add_argument(
         "paths", metavar="PATH", nargs="+", type=_existing, help="a file, or a directory to walk"
     )
-    tool = add("tool", "one request, with a deadline", deadline, account, calls)
+    tool = add("tool", "one request, with a deadline", deadline, account, calls, stand_in)
     tool.add_argument("path", metavar="PATH", type=_existing, help="of the file in question")
     add("spend", "what was paid today, against the cap", account)
+    settle = add("settle-lost", "replace assumed costs by real ones; list them", account)
+    settle.add_argument(
+        "costs", metavar="CALL/ATTEMPT=USD", nargs="*", type=_cost_of_attempt, help="0: not billed"
+    )
+    settle.add_argument("--rest", type=_dollars, metavar="USD", help="for each of all others")
+    endpoint = add("endpoint", "serve the stand-in alone; GET its address for the bill", stand_in)
+    endpoint.add_argument("--port", type=_port, default=0, metavar="N", help="0: any that is free")
     return parser.parse_args(arguments)
 
 
-def _options(*rows: tuple[str, Callable[[str], Any], str, Any, str]) -> argparse.ArgumentParser:
+def _options(
+    *rows: tuple[str, Callable[[str], Any], str, Any, str], title: str = "options"
+) -> argparse.ArgumentParser:
     """A parent parser with one option a row: flag, type, placeholder, default, meaning."""
     parser = argparse.ArgumentParser(add_help=False)
+    group = parser.add_argument_group(title) if title != "options" else parser
     for flag, kind, metavar, default, meaning in rows:
-        parser.add_argument(flag, type=kind, metavar=metavar, default=default, help=meaning)
+        group.add_argument(flag, type=kind, metavar=metavar, default=default, help=meaning)
     return parser
 
 
@@ -79,6 +95,14 @@ def _existing(text: str) -> Path:
     if not path.is_file() and not path.is_dir():
         raise argparse.ArgumentTypeError(f"there is no file or directory {text!r}")
     return path
+
+
+def _cost_of_attempt(text: str) -> tuple[AttemptId, float]:
+    name, _, cost = text.rpartition("=")
+    call, _, attempt = name.rpartition("/")
+    if not call or not attempt.isdecimal():
+        raise argparse.ArgumentTypeError(f"{text!r} is not of the form CALL/ATTEMPT=USD")
+    return AttemptId(call, int(attempt)), _dollars(cost)
 
 
 def _feature(text: str) -> str:
@@ -106,6 +130,7 @@ def _ranged(
 
 _number = _ranged(int, "a whole number", 0, 10**12)
 _count = _ranged(int, "a whole number", 1, 10**12)
+_port = _ranged(int, "a port", 0, 65535)
 _attempts = _ranged(int, "a whole number", 1, 10)
 _workers = _ranged(int, "a whole number", 1, 256)
 _dollars = _ranged(float, "an amount of US dollars", 0, 10**9)

@@ -2,6 +2,7 @@
 
 import math
 import time
+import uuid
 from collections.abc import Callable
 from dataclasses import dataclass
 
@@ -15,7 +16,7 @@ from decision_client.engines.decision_bounds import (
     Share,
     never,
 )
-from decision_client.ledger import Ledger
+from decision_client.ledger import AttemptId, Ledger
 from decision_client.request import DecisionResult, Request
 from decision_client.tally import Tally
 from decision_client.transport import AttemptFailed, EndpointClient, LostReply
@@ -31,7 +32,7 @@ class Attempts:
     """Seconds before the second attempt; they double before each further one."""
     timeout_s: float = 10.0
     """The most seconds that one network operation of an attempt may take."""
-    assumed_cost: float = 0.01
+    assumed_cost: float = 0.05
     """US dollars counted for a lost reply while no reply of its feature has told a cost."""
 
 
@@ -80,15 +81,16 @@ class PaidCalls:
         A batch pass's call brings its `budget` and ends with its stop signal; a tool's call has
         none and ends at its `deadline`, seconds on the scale of `clock`. It waits for room as
         long as it may. Raises `DecisionBudgetExceeded`, `DecisionStopped`, `DecisionTimeout`,
-        `DecisionUnavailable`, or `DecisionError` once its attempts are used up.
+        `DecisionUnavailable`, or `DecisionError` once its attempts are used up; and
+        `StorageError` where an attempt cannot be recorded, which is then not made.
         """
         answer = self.cached(request, budget)
         if answer is not None:
             return answer
-        attempt = 1
+        call, attempt = uuid.uuid4().hex, 1
         while True:
             try:
-                return self._attempt(request, budget, deadline)
+                return self._attempt(AttemptId(call, attempt), request, budget, deadline)
             except AttemptFailed as error:
                 if attempt >= self._attempts.limit:
                     message = f"the decision call failed at attempt {attempt}, its last: {error}"
@@ -102,7 +104,7 @@ class PaidCalls:
         return self._client.refused_for()
 
     def _attempt(
-        self, request: Request, budget: RunBudget | None, deadline: float | None
+        self, id: AttemptId, request: Request, budget: RunBudget | None, deadline: float | None
     ) -> DecisionResult:
         """One attempt, with an admission of its own: nothing is held between two attempts."""
         self._client.check_open()
@@ -125,44 +127,53 @@ class PaidCalls:
             # Room that was found as the stop came must not start a call all the same.
             if stopping():
                 raise DecisionStopped("the pass was asked to stop")
-            reply = self._ask(request, deadline)
+            reply = self._ask(id, request, deadline)
             pass_share.settle(reply)
             day_share.settle(reply)
             self._rates.learn(request.size, request.feature, reply)
             # Settled first, recorded second: if this settlement starts a new day, the ledger's
             # figure for that day must not hold the reply yet, or it would be counted twice.
-            self._ledger.record(request, reply)
+            self._ledger.record_reply(id, request, reply)
         return reply
 
     def _hold(self, budget: RunBudget | None, request: Request) -> Share:
         """The share of the pass; a tool's call has no pass, and its share is of nothing."""
         return Share() if budget is None else budget.hold(self._rates.tokens(request.size))
 
-    def _ask(self, request: Request, deadline: float | None) -> DecisionResult:
+    def _ask(self, id: AttemptId, request: Request, deadline: float | None) -> DecisionResult:
+        """Record the attempt, then make it, then record it again if it brought no reply."""
         timeout_s = self._attempts.timeout_s
         if deadline is not None:
             timeout_s = min(timeout_s, self._left(deadline))
+        assumed_cost = self._assumed_cost(request)
+        self._ledger.record_sending(id, request, assumed_cost)
         try:
-            return self._client.ask(request, timeout_s)
+            return self._client.ask(request, id.call, timeout_s)
         except (LostReply, KeyboardInterrupt):
-            self._count_lost(request)
+            self._count_lost(id, assumed_cost)
+            raise
+        except DecisionError:
+            self._ledger.record_unbilled(id)
             raise
 
-    def _count_lost(self, request: Request) -> None:
-        """Count an attempt that may be billed although nobody read its reply.
+    def _assumed_cost(self, request: Request) -> float:
+        """What an attempt counts as if nobody ever reads its reply, in US dollars.
 
-        What it cost will never be known. It counts as the most that such a request may cost, so
-        that the day errs on the safe side; while the rates know no cost of its feature, as the
-        assumed cost. It is counted while the attempt still holds its share, so that no other
-        call is admitted on that room in between.
+        What it cost will not be known. So it is the most that such a request may cost, and the day
+        errs on the safe side.
         """
         cost = self._rates.cost(request.size, request.feature)
-        if math.isinf(cost):
-            cost = self._attempts.assumed_cost
-        assumed = DecisionResult(decision="", cached=False, input_tokens=0, cost=cost)
-        self.spend.charge(assumed)
-        self.tally.count_lost(cost)
-        self._ledger.record_lost(request, assumed)
+        return self._attempts.assumed_cost if math.isinf(cost) else cost
+
+    def _count_lost(self, id: AttemptId, assumed_cost: float) -> None:
+        """Count an attempt that may be billed although nobody read its reply.
+
+        It is counted while the attempt still holds its share, so that no other call is admitted on
+        that room in between.
+        """
+        self.spend.charge(DecisionResult("", cached=False, input_tokens=0, cost=assumed_cost))
+        self.tally.count_lost(assumed_cost)
+        self._ledger.record_lost(id, assumed_cost)
 
     def _back_off(self, attempt: int, deadline: float | None) -> None:
         pause_s = self._attempts.backoff_s * 2 ** (attempt - 1)

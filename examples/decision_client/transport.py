@@ -5,6 +5,7 @@ import time
 from collections.abc import Callable
 from http import HTTPStatus
 from http.client import HTTPConnection, HTTPException
+from urllib.parse import urlsplit
 
 from decision_client.engines.decision_bounds import DecisionError, DecisionUnavailable
 from decision_client.request import DecisionResult, Request
@@ -21,8 +22,9 @@ class LostReply(AttemptFailed):
 class EndpointClient:
     """Asks the endpoint, and leaves it alone while it refuses requests. Safe for many threads."""
 
-    def __init__(self, port: int, clock: Callable[[], float] = time.monotonic) -> None:
-        self._port = port
+    def __init__(self, url: str, clock: Callable[[], float] = time.monotonic) -> None:
+        """`url`: of the endpoint, such as `http://127.0.0.1:8080/`."""
+        self._address = urlsplit(url).netloc
         self._clock = clock
         self._refused_until = 0.0
 
@@ -36,20 +38,21 @@ class EndpointClient:
         if left > 0.0:
             raise DecisionUnavailable(f"the endpoint refuses requests for another {left:.1f} s")
 
-    def ask(self, request: Request, timeout_s: float) -> DecisionResult:
-        """Send one request; no single network operation takes longer than `timeout_s` seconds.
+    def ask(self, request: Request, key: str, timeout_s: float) -> DecisionResult:
+        """Send one request under an idempotency key; no single network operation takes longer than `timeout_s` seconds.
 
         Raises `AttemptFailed`, `LostReply`, `DecisionUnavailable`, or `DecisionError` for a
         request that the endpoint will never take.
         """
         self.check_open()
-        connection = HTTPConnection("127.0.0.1", self._port, timeout=timeout_s)
+        connection = HTTPConnection(self._address, timeout=timeout_s)
         try:
             connection.connect()
         except OSError as error:
             raise AttemptFailed(f"the endpoint cannot be reached: {error}") from error
         try:
-            connection.request("POST", "/decide", body=request.body)
+            headers = {"Idempotency-Key": key}
+            connection.request("POST", "/decide", body=request.body, headers=headers)
             response = connection.getresponse()
             return self._read(response.status, response.read())
         except (OSError, HTTPException, ValueError, KeyError, TypeError) as error:
