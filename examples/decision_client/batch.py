@@ -8,6 +8,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from decision_client.database import StorageError
+from decision_client.ends import NoMoreCalls
 from decision_client.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,
@@ -20,7 +21,7 @@ from decision_client.request import Request
 
 REFRESH_S = 0.1
 MOST_WINDOWS = 5
-"""Refusal windows of the endpoint that one request waits out before it fails."""
+"""Refusal windows of the endpoint that one request waits out before the pass gives up."""
 
 
 @dataclass
@@ -36,6 +37,8 @@ class PassReport:
     """Files left out because the pass was refused or stopped before their turn."""
     refused: int = 0
     """Calls that a bound refused."""
+    unavailable: str | None = None
+    """What the endpoint said when no further call made sense."""
     storage: str | None = None
     """What is wrong with the ledger or the output; it ends the pass."""
     refusal: str | None = None
@@ -63,7 +66,8 @@ def read_text(path: Path) -> str:
 class BatchPass:
     """Takes files through `PaidCalls` until all are done, the pass is refused, or it is stopped.
 
-    After the first refusal no more paid calls are tried; answers from the cache are still used.
+    After the first refusal by a bound, or once the endpoint takes no more requests, no more paid
+    calls are tried; answers from the cache are still used.
     """
 
     def __init__(
@@ -92,6 +96,7 @@ class BatchPass:
                     show(self._report)
             except BaseException:
                 self._stop.set()
+                self._calls.abort()
                 raise
         return self._report
 
@@ -122,6 +127,9 @@ class BatchPass:
                 report.refusal = report.refusal or str(outcome)
             case DecisionStopped() | None:
                 report.unasked += 1
+            case DecisionUnavailable():
+                report.unasked += 1
+                report.unavailable = report.unavailable or str(outcome)
             case StorageError():
                 report.unasked += 1
                 report.storage = report.storage or str(outcome)
@@ -134,12 +142,14 @@ class BatchPass:
         if self._stop.is_set():
             return None
         request = Request(self._feature, read_text(file))
-        if self._report.refusal is not None:
+        if self._report.refusal is not None or self._report.unavailable is not None:
             answer = self._calls.cached(request, self._budget)
             return None if answer is None else answer.decision
         for _ in range(MOST_WINDOWS):
             try:
                 return self._calls.decide(request, budget=self._budget).decision
+            except NoMoreCalls:
+                raise
             except DecisionUnavailable:
                 with self._lock:
                     self._report.windows += 1

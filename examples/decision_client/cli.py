@@ -2,6 +2,7 @@
 
 import argparse
 import logging
+import os
 import sys
 import threading
 import time
@@ -40,6 +41,11 @@ from decision_client.transport import EndpointClient
 
 ANSWERED, FAILED, USAGE, REFUSED, TIMED_OUT, UNAVAILABLE, STORAGE = range(7)
 STOPPED = 130
+CODES = (
+    (DecisionBudgetExceeded, REFUSED),
+    (DecisionTimeout, TIMED_OUT),
+    (DecisionUnavailable, UNAVAILABLE),
+)
 
 
 class WrongArgument(Exception):
@@ -99,6 +105,9 @@ def batch(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int
     if stop.is_set():
         say(console, "Stopped: the calls in flight have ended, and nothing is held.")
         return STOPPED
+    if report.unavailable is not None:
+        say(console, f"Unavailable: {report.unavailable}")
+        return UNAVAILABLE
     if report.refusal is not None:
         say(console, f"Refused: {report.refusal}")
         return REFUSED
@@ -120,12 +129,7 @@ def tool(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
         answer = calls.decide(request, deadline=deadline)
     except DecisionError as error:
         say(console, f"{type(error).__name__}: {error}")
-        codes: dict[type[DecisionError], int] = {
-            DecisionBudgetExceeded: REFUSED,
-            DecisionTimeout: TIMED_OUT,
-            DecisionUnavailable: UNAVAILABLE,
-        }
-        return codes.get(type(error), FAILED)
+        return next((code for kind, code in CODES if isinstance(error, kind)), FAILED)
     source = "from the cache" if answer.cached else f"{answer.input_tokens:,} input tokens"
     say(console, f"{chosen.path}: {answer.decision} ({source}, {dollars(answer.cost)})")
     return ANSWERED
@@ -202,8 +206,11 @@ def open_calls(
         rates.learn(size, feature, reply)
     url = chosen.endpoint or scope.enter_context(Endpoint(faults_of(chosen))).url
     account = DailySpend(chosen.cap, ledger.today, ledger.cost_of)
-    client = EndpointClient(url)
-    return PaidCalls(client, ledger, account, rates, Attempts(chosen.attempts), pause)
+    api_key = os.environ.get("DECISION_API_KEY")
+    client = EndpointClient(url, api_key=api_key, trust_env=chosen.endpoint is not None)
+    scope.callback(client.close)
+    attempts = Attempts(chosen.attempts, timeout_s=chosen.timeout)
+    return PaidCalls(client, ledger, account, rates, attempts, pause)
 
 
 def faults_of(chosen: argparse.Namespace) -> Faults:

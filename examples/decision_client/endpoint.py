@@ -127,6 +127,7 @@ class _Handler(BaseHTTPRequestHandler):
     """Answers one `POST`: 200 with a decision, 500, or 503 with the seconds to stay away."""
 
     server: Endpoint
+    protocol_version = "HTTP/1.1"
     disable_nagle_algorithm = True
 
     def do_POST(self) -> None:
@@ -136,7 +137,8 @@ class _Handler(BaseHTTPRequestHandler):
             return
         outcome, refused_for_s = self.server.next_outcome()
         if outcome is Outcome.REFUSAL:
-            self._reply(HTTPStatus.SERVICE_UNAVAILABLE, {"retry_after_s": refused_for_s})
+            headers = {"Retry-After": f"{refused_for_s:.3f}"}
+            self._reply(HTTPStatus.SERVICE_UNAVAILABLE, {"error": "too many requests"}, headers)
             return
         time.sleep(self.server.faults.latency_s)
         if outcome is Outcome.FAILURE:
@@ -152,9 +154,13 @@ class _Handler(BaseHTTPRequestHandler):
         """The bill so far."""
         self._reply(HTTPStatus.OK, self.server.bills())
 
-    def _reply(self, status: HTTPStatus, answer: dict[str, Any]) -> None:
+    def _reply(
+        self, status: HTTPStatus, answer: dict[str, Any], headers: dict[str, str] | None = None
+    ) -> None:
         content = json.dumps(answer).encode()
         self.send_response(status)
+        for name, value in (headers or {}).items():
+            self.send_header(name, value)
         self.send_header("Content-Type", "application/json")
         self.send_header("Content-Length", str(len(content)))
         self.end_headers()

@@ -2,6 +2,7 @@
 
 import argparse
 import math
+import re
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -35,7 +36,8 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
     calls = _options(
         ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
         ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
-        ("--endpoint", str, "URL", None, "of the endpoint; without it, a stand-in of its own"),
+        ("--timeout", _timeout, "S", 10.0, "seconds that an attempt may take in all"),
+        ("--endpoint", _url, "URL", None, "of the endpoint; without it, a stand-in of its own"),
     )
     stand_in = _options(
         ("--latency", _seconds, "S", 0.02, "of the endpoint, seconds"),
@@ -105,6 +107,12 @@ def _cost_of_attempt(text: str) -> tuple[AttemptId, float]:
     return AttemptId(call, int(attempt)), _dollars(cost)
 
 
+def _url(text: str) -> str:
+    if not re.match(r"https?://[^/]", text):
+        raise argparse.ArgumentTypeError(f"{text!r} does not begin with http:// or https://")
+    return text
+
+
 def _feature(text: str) -> str:
     if text not in INSTRUCTIONS:
         raise argparse.ArgumentTypeError(f"{text!r} is not one of {', '.join(INSTRUCTIONS)}")
@@ -135,4 +143,5 @@ _attempts = _ranged(int, "a whole number", 1, 10)
 _workers = _ranged(int, "a whole number", 1, 256)
 _dollars = _ranged(float, "an amount of US dollars", 0, 10**9)
 _seconds = _ranged(float, "a number of seconds", 0, 24 * 60 * 60)
+_timeout = _ranged(float, "a number of seconds", 0.001, 60 * 60)
 _rate = _ranged(float, "a probability", 0, 1)

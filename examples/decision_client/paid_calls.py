@@ -6,11 +6,21 @@ import uuid
 from collections.abc import Callable
 from dataclasses import dataclass
 
+from tenacity import (
+    RetryError,
+    Retrying,
+    retry_if_exception,
+    stop_after_attempt,
+    wait_random_exponential,
+)
+
+from decision_client.ends import AttemptFailed, Next
 from decision_client.engines.decision_bounds import (
     DailySpend,
     DecisionError,
     DecisionStopped,
     DecisionTimeout,
+    DecisionUnavailable,
     RequestRates,
     RunBudget,
     Share,
@@ -19,7 +29,7 @@ from decision_client.engines.decision_bounds import (
 from decision_client.ledger import AttemptId, Ledger
 from decision_client.request import DecisionResult, Request
 from decision_client.tally import Tally
-from decision_client.transport import AttemptFailed, EndpointClient, LostReply
+from decision_client.transport import EndpointClient
 
 
 @dataclass(frozen=True)
@@ -28,10 +38,12 @@ class Attempts:
 
     limit: int = 4
     """The most attempts of one call."""
-    backoff_s: float = 0.05
-    """Seconds before the second attempt; they double before each further one."""
+    backoff_s: float = 0.1
+    """The most seconds before the second attempt; they double before each further one, and a
+    random part of them is waited, so that calls that failed together do not return together."""
+    longest_backoff_s: float = 10.0
     timeout_s: float = 10.0
-    """The most seconds that one network operation of an attempt may take."""
+    """The most seconds that an attempt may take in all."""
     assumed_cost: float = 0.05
     """US dollars counted for a lost reply while no reply of its feature has told a cost."""
 
@@ -87,17 +99,27 @@ class PaidCalls:
         answer = self.cached(request, budget)
         if answer is not None:
             return answer
-        call, attempt = uuid.uuid4().hex, 1
-        while True:
-            try:
-                return self._attempt(AttemptId(call, attempt), request, budget, deadline)
-            except AttemptFailed as error:
-                if attempt >= self._attempts.limit:
-                    message = f"the decision call failed at attempt {attempt}, its last: {error}"
-                    raise DecisionError(message) from error
-            self._back_off(attempt, deadline)
-            self.tally.count_retry()
-            attempt += 1
+        call, tried = uuid.uuid4().hex, self._attempts
+        attempts = Retrying(
+            retry=retry_if_exception(_is_worth_another),
+            stop=stop_after_attempt(tried.limit),
+            wait=wait_random_exponential(tried.backoff_s, tried.longest_backoff_s),
+            sleep=lambda seconds: self._back_off(seconds, deadline),
+        )
+        try:
+            for attempt in attempts:
+                with attempt:
+                    id = AttemptId(call, attempt.retry_state.attempt_number)
+                    return self._attempt(id, request, budget, deadline)
+        except RetryError as error:
+            last = error.last_attempt
+            message = f"the decision call failed at attempt {last.attempt_number}, its last: "
+            raise DecisionError(message + str(last.exception())) from last.exception()
+        raise AssertionError("the attempts end with a reply or an error")
+
+    def abort(self) -> None:
+        """End the attempts in flight now; they count as lost."""
+        self._client.abort()
 
     def refused_for(self) -> float:
         """Seconds for which the endpoint still refuses requests; 0.0: it may be asked."""
@@ -149,11 +171,15 @@ class PaidCalls:
         self._ledger.record_sending(id, request, assumed_cost)
         try:
             return self._client.ask(request, id.call, timeout_s)
-        except (LostReply, KeyboardInterrupt):
-            self._count_lost(id, assumed_cost)
-            raise
-        except DecisionError:
-            self._ledger.record_unbilled(id)
+        except BaseException as error:
+            if isinstance(error, AttemptFailed):
+                billed = error.end.billed
+            else:  # of what is not known, such as an interrupt, the worst is assumed
+                billed = not isinstance(error, DecisionUnavailable)
+            if billed:
+                self._count_lost(id, assumed_cost)
+            else:
+                self._ledger.record_unbilled(id)
             raise
 
     def _assumed_cost(self, request: Request) -> float:
@@ -175,11 +201,11 @@ class PaidCalls:
         self.tally.count_lost(assumed_cost)
         self._ledger.record_lost(id, assumed_cost)
 
-    def _back_off(self, attempt: int, deadline: float | None) -> None:
-        pause_s = self._attempts.backoff_s * 2 ** (attempt - 1)
+    def _back_off(self, pause_s: float, deadline: float | None) -> None:
         if deadline is not None:
             pause_s = min(pause_s, self._left(deadline))
         self._pause(pause_s)
+        self.tally.count_retry()
 
     def _left(self, deadline: float) -> float:
         """Seconds until `deadline`; raises `DecisionTimeout` when there are none."""
@@ -187,3 +213,7 @@ class PaidCalls:
         if left <= 0.0:
             raise DecisionTimeout("the decision call ran out of its deadline")
         return left
+
+
+def _is_worth_another(error: BaseException) -> bool:
+    return isinstance(error, AttemptFailed) and error.end.then is Next.RETRY

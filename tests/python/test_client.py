@@ -56,6 +56,7 @@ def rig(tmp_path):
     rig = Rig(tmp_path)
     with rig.endpoint:
         yield rig
+    rig.calls._client.close()
     rig.ledger.close()
 
 
