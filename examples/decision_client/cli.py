@@ -35,7 +35,7 @@ from decision_client.engines.decision_bounds import (
 from decision_client.ledger import Ledger
 from decision_client.options import parse
 from decision_client.paid_calls import Attempts, PaidCalls
-from decision_client.request import Request
+from decision_client.request import INSTRUCTIONS, Request
 from decision_client.signals import stop_on_signals
 from decision_client.transport import EndpointClient
 
@@ -200,16 +200,18 @@ def open_calls(
 ) -> PaidCalls:
     """Make all that calls need, with an endpoint unless one is named; all ends with `scope`."""
     ledger = open_ledger(chosen, console, scope)
-    rates = RequestRates()
+    rates = {feature: RequestRates() for feature in INSTRUCTIONS}
     # What earlier runs learned holds in this one: the calls of a known feature need not run alone.
     for size, feature, reply in ledger.recent_replies():
-        rates.learn(size, feature, reply)
+        rates[feature].learn(size, feature, reply)
     url = chosen.endpoint or scope.enter_context(Endpoint(faults_of(chosen))).url
     account = DailySpend(chosen.cap, ledger.today, ledger.cost_of)
     api_key = os.environ.get("DECISION_API_KEY")
     client = EndpointClient(url, api_key=api_key, trust_env=chosen.endpoint is not None)
     scope.callback(client.close)
-    attempts = Attempts(chosen.attempts, timeout_s=chosen.timeout)
+    attempts = Attempts(
+        chosen.attempts, timeout_s=chosen.timeout, first_call_at_most=chosen.first_call_at_most
+    )
     return PaidCalls(client, ledger, account, rates, attempts, pause)
 
 

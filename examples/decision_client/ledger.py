@@ -185,10 +185,13 @@ class Ledger:
         )
 
     def recent_replies(self, limit: int = 1000) -> Iterator[tuple[int, str, DecisionResult]]:
-        """The latest paid replies as (size in bytes, feature, reply), for the rates to learn."""
+        """The latest paid replies as (size in bytes, feature, reply), for the rates to learn.
+
+        Free ones are left out: they tell no price.
+        """
         query = """
             SELECT size, feature, input_tokens, cost FROM attempts
-            WHERE state = :reply ORDER BY changed_at DESC LIMIT :limit
+            WHERE state = :reply AND cost > 0 ORDER BY changed_at DESC LIMIT :limit
         """
         for size, feature, tokens, cost in self._database.read(
             query, reply=State.REPLY, limit=limit

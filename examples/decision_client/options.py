@@ -23,6 +23,9 @@ exit codes:
 """
 
 
+FIRST_CALL = "US dollars that a call may cost while nobody has paid for its feature yet"
+
+
 class _Help(argparse.ArgumentDefaultsHelpFormatter, argparse.RawDescriptionHelpFormatter):
     """Shows defaults, and leaves the exit codes as they are laid out."""
 
@@ -36,6 +39,7 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
     calls = _options(
         ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
         ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
+        ("--first-call-at-most", _dollars, "USD", math.inf, FIRST_CALL),
         ("--timeout", _timeout, "S", 10.0, "seconds that an attempt may take in all"),
         ("--endpoint", _url, "URL", None, "of the endpoint; without it, a stand-in of its own"),
     )

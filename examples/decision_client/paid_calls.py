@@ -3,7 +3,8 @@
 import math
 import time
 import uuid
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
+from contextlib import ExitStack
 from dataclasses import dataclass
 
 from tenacity import (
@@ -44,8 +45,11 @@ class Attempts:
     longest_backoff_s: float = 10.0
     timeout_s: float = 10.0
     """The most seconds that an attempt may take in all."""
+    first_call_at_most: float = math.inf
+    """US dollars that a call holds while no reply of its feature has told a cost; without such a
+    ceiling it holds all that is left, and runs alone."""
     assumed_cost: float = 0.05
-    """US dollars counted for a lost reply while no reply of its feature has told a cost."""
+    """US dollars counted for a lost reply while nothing else is known."""
 
 
 class PaidCalls:
@@ -59,12 +63,15 @@ class PaidCalls:
         client: EndpointClient,
         ledger: Ledger,
         spend: DailySpend,
-        rates: RequestRates,
+        rates: Mapping[str, RequestRates],
         attempts: Attempts = Attempts(),
         pause: Callable[[float], object] = time.sleep,
         clock: Callable[[], float] = time.monotonic,
     ) -> None:
-        """`pause` waits between attempts; a pass gives the wait of its stop signal."""
+        """`rates`: one for each price class, here the feature: one object holds the maximum over
+        all that it learned, so a dear model would have a cheap one's calls hold its price.
+        `pause` waits between attempts; a pass gives the wait of its stop signal.
+        """
         self.spend = spend
         self.tally = Tally()
         self._client = client
@@ -130,44 +137,64 @@ class PaidCalls:
     ) -> DecisionResult:
         """One attempt, with an admission of its own: nothing is held between two attempts."""
         self._client.check_open()
-        held = math.inf
-
-        def bound() -> float:
-            nonlocal held
-            held = self._rates.cost(request.size, request.feature)
-            return held
-
-        stopping = never if budget is None else budget.stopping
-        asked_at = self._clock()
-        with (
-            self._hold(budget, request) as pass_share,
-            self.spend.admit(
-                bound, deadline=deadline, clock=self._clock, stopping=stopping
-            ) as day_share,
-            self.tally.holding(held, self._clock() - asked_at),
-        ):
-            # Room that was found as the stop came must not start a call all the same.
-            if stopping():
-                raise DecisionStopped("the pass was asked to stop")
+        with ExitStack() as scope:
+            shares = self._admit(scope, request, budget, deadline)
             reply = self._ask(id, request, deadline)
-            pass_share.settle(reply)
-            day_share.settle(reply)
-            self._rates.learn(request.size, request.feature, reply)
+            # Learned first, settled second: a settlement wakes the calls that wait. One that was
+            # quicker than this thread would not know the cost yet, and run alone once more. A free
+            # reply tells no price: learned, it would let all the calls of its kind in at once.
+            if reply.cost > 0.0:
+                self._rates[request.feature].learn(request.size, request.feature, reply)
+            for share in shares:
+                share.settle(reply)
             # Settled first, recorded second: if this settlement starts a new day, the ledger's
             # figure for that day must not hold the reply yet, or it would be counted twice.
             self._ledger.record_reply(id, request, reply)
         return reply
 
-    def _hold(self, budget: RunBudget | None, request: Request) -> Share:
-        """The share of the pass; a tool's call has no pass, and its share is of nothing."""
-        return Share() if budget is None else budget.hold(self._rates.tokens(request.size))
+    def _admit(
+        self, scope: ExitStack, request: Request, budget: RunBudget | None, deadline: float | None
+    ) -> list[Share]:
+        """Take the shares of a call, which end with `scope`: of the day, and of its pass if any.
+
+        The day's comes first, since its bound is asked again after each wait: of the calls before
+        the first reply only one runs alone, and when the others are admitted, their tokens are
+        known, too. All calls keep to this order, or two could wait for each other.
+        """
+        held, asked_at = math.inf, self._clock()
+        stopping = never if budget is None else budget.stopping
+
+        def bound() -> float:
+            nonlocal held
+            held = self._most_cost(request)
+            return held
+
+        day = self.spend.admit(bound, deadline=deadline, clock=self._clock, stopping=stopping)
+        shares = [scope.enter_context(day)]
+        if budget is not None:
+            # Each token stands for a byte at least, so the size is a bound from the start.
+            tokens = min(self._rates[request.feature].tokens(request.size), request.size)
+            shares.append(scope.enter_context(budget.hold(tokens)))
+        scope.enter_context(self.tally.holding(held, self._clock() - asked_at))
+        # Room that was found as the stop came must not start a call all the same.
+        if stopping():
+            raise DecisionStopped("the pass was asked to stop")
+        return shares
+
+    def _most_cost(self, request: Request) -> float:
+        """US dollars that a request may cost at most: as learned or, before that, the ceiling."""
+        cost = self._rates[request.feature].cost(request.size, request.feature)
+        return self._attempts.first_call_at_most if math.isinf(cost) else cost
 
     def _ask(self, id: AttemptId, request: Request, deadline: float | None) -> DecisionResult:
         """Record the attempt, then make it, then record it again if it brought no reply."""
         timeout_s = self._attempts.timeout_s
         if deadline is not None:
             timeout_s = min(timeout_s, self._left(deadline))
-        assumed_cost = self._assumed_cost(request)
+        # What an attempt cost whose reply nobody reads is never known. So it counts as the most
+        # that it may cost, and the day errs on the safe side.
+        most = self._most_cost(request)
+        assumed_cost = self._attempts.assumed_cost if math.isinf(most) else most
         self._ledger.record_sending(id, request, assumed_cost)
         try:
             return self._client.ask(request, id.call, timeout_s)
@@ -181,15 +208,6 @@ class PaidCalls:
             else:
                 self._ledger.record_unbilled(id)
             raise
-
-    def _assumed_cost(self, request: Request) -> float:
-        """What an attempt counts as if nobody ever reads its reply, in US dollars.
-
-        What it cost will not be known. So it is the most that such a request may cost, and the day
-        errs on the safe side.
-        """
-        cost = self._rates.cost(request.size, request.feature)
-        return self._attempts.assumed_cost if math.isinf(cost) else cost
 
     def _count_lost(self, id: AttemptId, assumed_cost: float) -> None:
         """Count an attempt that may be billed although nobody read its reply.

@@ -32,7 +32,7 @@ class Rig:
         self.endpoint = Endpoint(self.faults, clock=lambda: self.seconds)
         self.ledger = Ledger(path / "db", now=lambda: self.now)
         self.spend = bounds.DailySpend(5.0, self.ledger.today, self.ledger.cost_of)
-        self.rates = bounds.RequestRates()
+        self.rates = {feature: bounds.RequestRates() for feature in ("triage", "audit")}
         client = EndpointClient(self.endpoint.url, clock=lambda: self.seconds)
         parts = (client, self.ledger, self.spend, self.rates)
         self.calls = PaidCalls(*parts, pause=lambda seconds: None, clock=lambda: self.seconds)
@@ -88,7 +88,7 @@ def test_a_lost_reply_is_counted_and_a_failure_is_not(rig):
     reply = rig.decide(budget=rig.budget)
     counted = Attempts().assumed_cost + reply.cost
     assert rig.spend.spent() == counted
-    most = rig.rates.cost(Request("triage", "another").size, "triage")
+    most = rig.rates["triage"].cost(Request("triage", "another").size, "triage")
     second = rig.decide("another", budget=rig.budget)
     assert rig.spend.spent() == pytest.approx(counted + most + second.cost)
     assert rig.ledger.cost_of(rig.ledger.today()) == pytest.approx(rig.spend.spent())
@@ -126,7 +126,7 @@ def test_many_workers_stop_within_one_call_of_the_cap(rig):
     rig.faults.latency_s, rig.spend._cap = 0.005, 0.02
     dearest = DecisionResult("keep", False, 5000, 0.002)
     texts = [f"{number} " + "word " * 3000 for number in range(60)]
-    rig.rates.learn(Request("triage", texts[0]).size, "triage", dearest)
+    rig.rates["triage"].learn(Request("triage", texts[0]).size, "triage", dearest)
     report = rig.run(texts)
     assert rig.spend._cap <= rig.spend.spent() < rig.spend._cap + dearest.cost
     assert rig.spend.spent() == pytest.approx(rig.endpoint.billed)

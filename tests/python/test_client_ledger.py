@@ -51,7 +51,7 @@ def test_what_settles_before_midnight_and_is_recorded_after_counts_on_one_day(ri
     rig.faults.draw = answers_after(outcome)
     rig.decide()
     days = {day: rig.ledger.cost_of(day) for day in ("2024-05-01", "2024-05-02")}
-    last = rig.rates.cost(1, "triage") if outcome is LOST else 0.0
+    last = rig.rates["triage"].cost(1, "triage") if outcome is LOST else 0.0
     assert days["2024-05-02"] == rig.spend.spent() == last and days["2024-05-01"] > last
 
 
