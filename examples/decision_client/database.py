@@ -130,6 +130,7 @@ class Database:
     def _take_process_lock(self) -> IO[str]:
         """Lock the file beside the database; the system unlocks it however the process ends."""
         try:
+            self._path.parent.mkdir(parents=True, exist_ok=True)
             lock = open(lock_of(self._path), "a+", encoding="ascii")
         except OSError as error:
             raise self._failure("opened", error) from error

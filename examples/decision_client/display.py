@@ -1,5 +1,6 @@
 """What the user sees: a live view of a pass, and tables at the end."""
 
+import math
 from collections.abc import Iterable
 
 from rich import box
@@ -11,6 +12,7 @@ from rich.text import Text
 from decision_client.batch import PassReport
 from decision_client.engines.decision_bounds import DailySpend, RunBudget
 from decision_client.ledger import LostAttempt
+from decision_client.screen import printable, say
 from decision_client.tally import Tally
 
 MOST_FAILURES_SHOWN = 5
@@ -19,11 +21,6 @@ MOST_FAILURES_SHOWN = 5
 def dollars(amount: float) -> str:
     """US dollars as they are shown: four decimals, for a call costs far less than a cent."""
     return f"${amount:,.4f}"
-
-
-def say(console: Console, message: str) -> None:
-    """Print a message as it stands: neither wrapped, nor read for markup."""
-    console.print(Text(message), soft_wrap=True)
 
 
 class PassView:
@@ -62,8 +59,8 @@ class PassView:
         self._draw(self._tokens, budget.input_tokens, budget.max_tokens, tokens)
         self._draw(self._day, settled + self._tally.held, self._cap, day)
 
-    def table(self, report: PassReport, seconds: float) -> Table:
-        """The summary of a pass that took `seconds`."""
+    def table(self, report: PassReport, unreadable: int, seconds: float) -> Table:
+        """The summary of a pass that took `seconds`; so many folders were `unreadable`."""
         summary, tally = self._budget.summary(), self._tally
         decided = ", ".join(f"{name} {count:,}" for name, count in sorted(report.decisions.items()))
         settled = self._spend.spent()
@@ -73,6 +70,7 @@ class PassView:
                 ("files", f"{report.files:,}"),
                 ("decided", decided or "none"),
                 ("failed, left unasked", f"{len(report.failed):,}, {report.unasked:,}"),
+                ("folders not readable", f"{unreadable:,}"),
                 ("answered from the cache", f"{summary['cache_hits']:,}"),
                 ("paid calls", f"{summary['calls']:,} of {summary['max_calls']:,}"),
                 ("input tokens", f"{summary['input_tokens']:,} of {summary['max_tokens']:,}"),
@@ -116,6 +114,21 @@ def day_table(
     )
 
 
+def plan_table(files: int, unread: int, cached: int, size: int, most: float) -> Table:
+    """What a pass would do; `size` is in bytes, `most` in US dollars."""
+    cost = "not known: no reply of the feature was paid yet" if math.isinf(most) else dollars(most)
+    return _table(
+        "Dry run: nothing was asked",
+        [
+            ("files", f"{files:,}"),
+            ("not readable", f"{unread:,}"),
+            ("answered already, or equal", f"{cached:,}"),
+            ("to be paid for", f"{files - unread - cached:,} requests, {size:,} bytes"),
+            ("cost at most, as learned", cost),
+        ],
+    )
+
+
 def lost_table(lost: Iterable[LostAttempt]) -> Table:
     """The attempts that count at an assumed cost: when, for which request, how much."""
     rows = [
@@ -126,10 +139,16 @@ def lost_table(lost: Iterable[LostAttempt]) -> Table:
 
 
 def _table(title: str, *sections: list[tuple[str, str]]) -> Table:
-    table = Table(title=title, show_header=False, box=box.ROUNDED, title_justify="left")
+    table = Table(
+        title=title,
+        show_header=False,
+        box=box.ROUNDED,
+        title_justify="left",
+        min_width=len(title),
+    )
     for rows in sections:
         for name, value in rows:
-            table.add_row(Text(name), Text(value))
+            table.add_row(Text(printable(name)), Text(printable(value)))
         table.add_section()
     return table
 

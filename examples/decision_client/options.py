@@ -7,21 +7,11 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+from platformdirs import user_data_path
+
+from decision_client.exits import EXIT_CODES
 from decision_client.ledger import AttemptId
 from decision_client.request import INSTRUCTIONS
-
-EXIT_CODES = """\
-exit codes:
-  0    everything that was asked has been answered
-  1    some call failed after its attempts, or some file could not be read
-  2    an argument is wrong
-  3    refused: the budget of the pass or the day's cost cap is used up
-  4    the tool's call ran out of its deadline
-  5    the endpoint refuses requests
-  6    the ledger cannot be written, read or locked: without it no call is made
-  130  stopped by Ctrl-C, SIGTERM or SIGHUP; a pass ends its calls in flight first
-"""
-
 
 FIRST_CALL = "US dollars that a call may cost while nobody has paid for its feature yet"
 
@@ -32,8 +22,9 @@ class _Help(argparse.ArgumentDefaultsHelpFormatter, argparse.RawDescriptionHelpF
 
 def parse(arguments: list[str] | None) -> argparse.Namespace:
     """The options of one command; exits with code 2 and names the argument that is wrong."""
+    database = user_data_path("decision_client", appauthor=False) / "decisions.sqlite3"
     account = _options(
-        ("--db", Path, "FILE", Path("decisions.sqlite3"), "ledger and answers"),
+        ("--db", Path, "FILE", database, "ledger and answers"),
         ("--cap", _dollars, "USD", 5.0, "US dollars that a UTC day may cost"),
     )
     calls = _options(
@@ -57,6 +48,7 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
         ("--workers", _workers, "N", 8, "threads"),
         ("--max-calls", _number, "N", 10_000, "paid calls of the pass"),
         ("--max-tokens", _number, "N", 50_000_000, "input tokens of the pass"),
+        ("--output", Path, "FILE", None, "one JSON line a file; without it, standard output"),
     )
     deadline = _options(("--deadline", _seconds, "S", 5.0, "seconds that the call may take"))
 
@@ -70,9 +62,17 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
 
     batch = add("batch", "one request a file, on several threads", a_pass, account, calls, stand_in)
     batch.add_argument(
+        "--dry-run", action="store_true", help="only say what would be asked, and its cost at most"
+    )
+    batch.add_argument(
         "paths", metavar="PATH", nargs="+", type=_existing, help="a file, or a directory to walk"
     )
+    resume = argparse.BooleanOptionalAction
     tool = add("tool", "one request, with a deadline", deadline, account, calls, stand_in)
+    for command in (batch, tool):
+        command.add_argument(
+            "--resume", action=resume, default=True, help="take answers that were paid for already"
+        )
     tool.add_argument("path", metavar="PATH", type=_existing, help="of the file in question")
     add("spend", "what was paid today, against the cap", account)
     settle = add("settle-lost", "replace assumed costs by real ones; list them", account)

@@ -31,6 +31,7 @@ from decision_client.ledger import AttemptId, Ledger
 from decision_client.request import DecisionResult, Request
 from decision_client.tally import Tally
 from decision_client.transport import EndpointClient
+from decision_client.turns import Turns
 
 
 @dataclass(frozen=True)
@@ -65,17 +66,20 @@ class PaidCalls:
         spend: DailySpend,
         rates: Mapping[str, RequestRates],
         attempts: Attempts = Attempts(),
+        resume: bool = True,
         pause: Callable[[float], object] = time.sleep,
         clock: Callable[[], float] = time.monotonic,
     ) -> None:
         """`rates`: one for each price class, here the feature: one object holds the maximum over
         all that it learned, so a dear model would have a cheap one's calls hold its price.
-        `pause` waits between attempts; a pass gives the wait of its stop signal.
+        `resume`: use cached answers. `pause` waits between attempts; a pass gives the wait of its stop signal.
         """
         self.spend = spend
         self.tally = Tally()
         self._client = client
         self._ledger = ledger
+        self._resume = resume
+        self._turns = Turns()
         self._rates = rates
         self._attempts = attempts
         self._clock = clock
@@ -83,7 +87,7 @@ class PaidCalls:
 
     def cached(self, request: Request, budget: RunBudget | None = None) -> DecisionResult | None:
         """The answer from the cache, free of charge, or none."""
-        answer = self._ledger.find(request)
+        answer = self._ledger.find(request) if self._resume else None
         if answer is not None and budget is not None:
             budget.charge(answer)
         return answer
@@ -94,18 +98,32 @@ class PaidCalls:
         *,
         budget: RunBudget | None = None,
         deadline: float | None = None,
+        sent: list[AttemptId] | None = None,
     ) -> DecisionResult:
-        """Answer a request, from the cache or by a paid call.
+        """Answer a request, from the cache or by a paid call. Equal requests wait for each other.
 
         A batch pass's call brings its `budget` and ends with its stop signal; a tool's call has
         none and ends at its `deadline`, seconds on the scale of `clock`. It waits for room as
-        long as it may. Raises `DecisionBudgetExceeded`, `DecisionStopped`, `DecisionTimeout`,
-        `DecisionUnavailable`, or `DecisionError` once its attempts are used up; and
-        `StorageError` where an attempt cannot be recorded, which is then not made.
+        long as it may. `sent` takes the attempts that were made. Raises `DecisionBudgetExceeded`,
+        `DecisionStopped`, `DecisionTimeout`, `DecisionUnavailable`, or `DecisionError` once its
+        attempts are used up; and `StorageError` where an attempt cannot be recorded, which is then
+        not made.
         """
-        answer = self.cached(request, budget)
-        if answer is not None:
-            return answer
+        left = None if deadline is None else max(0.0, deadline - self._clock())
+        with self._turns.of(request.key, left):
+            answer = self.cached(request, budget)
+            if answer is not None:
+                return answer
+            return self._try(request, budget, deadline, [] if sent is None else sent)
+
+    def _try(
+        self,
+        request: Request,
+        budget: RunBudget | None,
+        deadline: float | None,
+        sent: list[AttemptId],
+    ) -> DecisionResult:
+        """Make attempts until one brings a reply; all have the same idempotency key."""
         call, tried = uuid.uuid4().hex, self._attempts
         attempts = Retrying(
             retry=retry_if_exception(_is_worth_another),
@@ -117,12 +135,17 @@ class PaidCalls:
             for attempt in attempts:
                 with attempt:
                     id = AttemptId(call, attempt.retry_state.attempt_number)
-                    return self._attempt(id, request, budget, deadline)
+                    return self._attempt(id, request, budget, deadline, sent)
         except RetryError as error:
             last = error.last_attempt
             message = f"the decision call failed at attempt {last.attempt_number}, its last: "
             raise DecisionError(message + str(last.exception())) from last.exception()
         raise AssertionError("the attempts end with a reply or an error")
+
+    def most_cost(self, request: Request) -> float:
+        """US dollars that a request may cost at most: as learned or, before that, the ceiling."""
+        cost = self._rates[request.feature].cost(request.size, request.feature)
+        return self._attempts.first_call_at_most if math.isinf(cost) else cost
 
     def abort(self) -> None:
         """End the attempts in flight now; they count as lost."""
@@ -133,13 +156,18 @@ class PaidCalls:
         return self._client.refused_for()
 
     def _attempt(
-        self, id: AttemptId, request: Request, budget: RunBudget | None, deadline: float | None
+        self,
+        id: AttemptId,
+        request: Request,
+        budget: RunBudget | None,
+        deadline: float | None,
+        sent: list[AttemptId],
     ) -> DecisionResult:
         """One attempt, with an admission of its own: nothing is held between two attempts."""
         self._client.check_open()
         with ExitStack() as scope:
             shares = self._admit(scope, request, budget, deadline)
-            reply = self._ask(id, request, deadline)
+            reply = self._ask(id, request, deadline, sent)
             # Learned first, settled second: a settlement wakes the calls that wait. One that was
             # quicker than this thread would not know the cost yet, and run alone once more. A free
             # reply tells no price: learned, it would let all the calls of its kind in at once.
@@ -166,7 +194,7 @@ class PaidCalls:
 
         def bound() -> float:
             nonlocal held
-            held = self._most_cost(request)
+            held = self.most_cost(request)
             return held
 
         day = self.spend.admit(bound, deadline=deadline, clock=self._clock, stopping=stopping)
@@ -181,21 +209,19 @@ class PaidCalls:
             raise DecisionStopped("the pass was asked to stop")
         return shares
 
-    def _most_cost(self, request: Request) -> float:
-        """US dollars that a request may cost at most: as learned or, before that, the ceiling."""
-        cost = self._rates[request.feature].cost(request.size, request.feature)
-        return self._attempts.first_call_at_most if math.isinf(cost) else cost
-
-    def _ask(self, id: AttemptId, request: Request, deadline: float | None) -> DecisionResult:
+    def _ask(
+        self, id: AttemptId, request: Request, deadline: float | None, sent: list[AttemptId]
+    ) -> DecisionResult:
         """Record the attempt, then make it, then record it again if it brought no reply."""
         timeout_s = self._attempts.timeout_s
         if deadline is not None:
             timeout_s = min(timeout_s, self._left(deadline))
         # What an attempt cost whose reply nobody reads is never known. So it counts as the most
         # that it may cost, and the day errs on the safe side.
-        most = self._most_cost(request)
+        most = self.most_cost(request)
         assumed_cost = self._attempts.assumed_cost if math.isinf(most) else most
         self._ledger.record_sending(id, request, assumed_cost)
+        sent.append(id)
         try:
             return self._client.ask(request, id.call, timeout_s)
         except BaseException as error:

@@ -25,7 +25,7 @@ def stop_on_signals(stop: threading.Event) -> Iterator[None]:
         stop.set()
         # The signal may come in the midst of a print, which cannot be entered twice. And after a
         # hang-up there is no terminal left to write to.
-        with suppress(OSError):
+        with suppress(OSError, AttributeError):
             name = signal.Signals(number).name
             said = f"\n{name}: stopping once the calls in flight have ended; again: at once\n"
             os.write(sys.stderr.fileno(), said.encode())

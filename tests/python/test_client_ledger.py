@@ -39,7 +39,7 @@ def test_what_died_on_its_way_is_lost_until_it_is_settled(tmp_path, capfd):
         assert ledger.cost_of("2024-05-01") == 0.5
     command = f"settle-lost one/1=0.0625 --rest 0 --db {path}".split()
     assert main(["settle-lost", "two/1=1", "--db", str(path)]) == 2
-    assert main(command) == 0 and "Settled: 2 attempts, now $0.0625" in capfd.readouterr().out
+    assert main(command) == 0 and "Settled: 2 attempts, now $0.0625" in capfd.readouterr().err
     with closing(Ledger(path)) as ledger:
         assert ledger.cost_of("2024-05-01") == 0.0625 and not ledger.lost()
 
@@ -102,6 +102,6 @@ def test_a_signal_stops_the_pass_in_order_and_shows_its_summary(
     write_files(tmp_path, map(str, range(20)))
     arguments = f"batch {tmp_path} --glob *.txt --latency 0.2 --db {tmp_path}/db"
     assert main(arguments.split()) == 130
-    shown = capfd.readouterr()
-    assert "1 of 10,000" in shown.out and "Stopped: the calls in flight have ended" in shown.out
-    assert f"{number.name}: stopping once the calls in flight have ended" in shown.err
+    shown = capfd.readouterr().err
+    assert "1 of 10,000" in shown and "Stopped: the calls in flight have ended" in shown
+    assert f"{number.name}: stopping once the calls in flight have ended" in shown
