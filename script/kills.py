@@ -56,10 +56,11 @@ def run_killed(chosen: argparse.Namespace, folder: Path, url: str) -> None:
 
 
 def compare(chosen: argparse.Namespace, folder: Path, bill: dict[str, float]) -> None:
-    """Hold the ledger against the bill; exits with a message where they cannot be brought together."""
+    """Hold the ledger against the bill; exits with a message where they do not fit."""
     ledger = sqlite3.connect(folder / "db")
     replies = dict(ledger.execute("SELECT call, cost FROM attempts WHERE state = 'reply'"))
-    lost = ledger.execute("SELECT call, attempt, cost FROM attempts WHERE state = 'lost'").fetchall()
+    query = "SELECT call, attempt, cost FROM attempts WHERE state = 'lost'"
+    lost = ledger.execute(query).fetchall()
     states = {state for (state,) in ledger.execute("SELECT DISTINCT state FROM attempts")}
     (asked,) = ledger.execute(
         "SELECT COUNT(DISTINCT request) FROM attempts WHERE state = 'reply'"
@@ -71,8 +72,8 @@ def compare(chosen: argparse.Namespace, folder: Path, bill: dict[str, float]) ->
     total = sum(replies.values()) + sum(cost for _, _, cost in lost)
     billed = sum(bill.values())
     print(
-        f"{chosen.files:,} files, {chosen.kills} kills: {len(replies):,} replies and {len(lost):,} lost; "
-        f"ledger ${total:.6f}, bill ${billed:.6f}, of it for replies ${sum(replies.values()):.6f}"
+        f"{chosen.files:,} files, {chosen.kills} kills: {len(replies):,} replies and "
+        f"{len(lost):,} lost; ledger ${total:.6f}, bill ${billed:.6f}, of it for replies ${sum(replies.values()):.6f}"
     )
     faults = {
         "files answered more or less than once": not chosen.files == asked == len(replies),

@@ -72,7 +72,8 @@ class PaidCalls:
     ) -> None:
         """`rates`: one for each price class, here the feature: one object holds the maximum over
         all that it learned, so a dear model would have a cheap one's calls hold its price.
-        `resume`: use cached answers. `pause` waits between attempts; a pass gives the wait of its stop signal.
+        `resume`: use cached answers. `pause` waits between attempts; a pass gives the wait of its
+        stop signal.
         """
         self.spend = spend
         self.tally = Tally()
