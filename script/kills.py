@@ -73,7 +73,8 @@ def compare(chosen: argparse.Namespace, folder: Path, bill: dict[str, float]) ->
     billed = sum(bill.values())
     print(
         f"{chosen.files:,} files, {chosen.kills} kills: {len(replies):,} replies and "
-        f"{len(lost):,} lost; ledger ${total:.6f}, bill ${billed:.6f}, of it for replies ${sum(replies.values()):.6f}"
+        f"{len(lost):,} lost; ledger ${total:.6f}, bill ${billed:.6f}, of it for replies "
+        f"${sum(replies.values()):.6f}"
     )
     faults = {
         "files answered more or less than once": not chosen.files == asked == len(replies),

@@ -22,57 +22,22 @@ class _Help(argparse.ArgumentDefaultsHelpFormatter, argparse.RawDescriptionHelpF
 
 def parse(arguments: list[str] | None) -> argparse.Namespace:
     """The options of one command; exits with code 2 and names the argument that is wrong."""
-    database = user_data_path("decision_client", appauthor=False) / "decisions.sqlite3"
-    account = _options(
-        ("--db", Path, "FILE", database, "ledger and answers"),
-        ("--cap", _dollars, "USD", 5.0, "US dollars that a UTC day may cost"),
-    )
-    calls = _options(
-        ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
-        ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
-        ("--first-call-at-most", _dollars, "USD", math.inf, FIRST_CALL),
-        ("--timeout", _timeout, "S", 10.0, "seconds that an attempt may take in all"),
-        ("--endpoint", _url, "URL", None, "of the endpoint; without it, a stand-in of its own"),
-    )
-    stand_in = _options(
-        ("--latency", _seconds, "S", 0.02, "of the endpoint, seconds"),
-        ("--failure-rate", _rate, "P", 0.0, "of its replies that fail, 0 to 1"),
-        ("--lost-rate", _rate, "P", 0.0, "of its replies that are billed and lost, 0 to 1"),
-        ("--refuse-every", _number, "N", 0, "requests until it refuses all; 0: it never does"),
-        ("--refuse-for", _seconds, "S", 0.5, "seconds that it refuses all"),
-        title="the stand-in for an endpoint",
-    )
-    a_pass = _options(
-        ("--glob", str, "PATTERN", "*", "the files of a directory that are meant"),
-        ("--limit", _count, "N", None, "take only the first so many files"),
-        ("--workers", _workers, "N", 8, "threads"),
-        ("--max-calls", _number, "N", 10_000, "paid calls of the pass"),
-        ("--max-tokens", _number, "N", 50_000_000, "input tokens of the pass"),
-        ("--output", Path, "FILE", None, "one JSON line a file; without it, standard output"),
-    )
-    deadline = _options(("--deadline", _seconds, "S", 5.0, "seconds that the call may take"))
-
     described: dict[str, Any] = {"epilog": EXIT_CODES, "formatter_class": _Help}
     about = "Ask a paid endpoint for decisions about files, within bounds."
     parser = argparse.ArgumentParser("decision_client", description=about, **described)
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
+    account, calls, stand_in = _account(), _calls(), _stand_in()
 
     def add(name: str, about: str, *parents: argparse.ArgumentParser) -> argparse.ArgumentParser:
         return commands.add_parser(name, help=about, parents=parents, **described)
 
-    batch = add("batch", "one request a file, on several threads", a_pass, account, calls, stand_in)
-    batch.add_argument(
-        "--dry-run", action="store_true", help="only say what would be asked, and its cost at most"
-    )
+    a_pass = "one request a file, on several threads"
+    batch = add("batch", a_pass, _pass(), account, calls, stand_in)
     batch.add_argument(
         "paths", metavar="PATH", nargs="+", type=_existing, help="a file, or a directory to walk"
     )
-    resume = argparse.BooleanOptionalAction
+    deadline = _options(("--deadline", _seconds, "S", 5.0, "seconds that the call may take"))
     tool = add("tool", "one request, with a deadline", deadline, account, calls, stand_in)
-    for command in (batch, tool):
-        command.add_argument(
-            "--resume", action=resume, default=True, help="take answers that were paid for already"
-        )
     tool.add_argument("path", metavar="PATH", type=_existing, help="of the file in question")
     add("spend", "what was paid today, against the cap", account)
     settle = add("settle-lost", "replace assumed costs by real ones; list them", account)
@@ -83,6 +48,52 @@ def parse(arguments: list[str] | None) -> argparse.Namespace:
     endpoint = add("endpoint", "serve the stand-in alone; GET its address for the bill", stand_in)
     endpoint.add_argument("--port", type=_port, default=0, metavar="N", help="0: any that is free")
     return parser.parse_args(arguments)
+
+
+def _account() -> argparse.ArgumentParser:
+    database = user_data_path("decision_client", appauthor=False) / "decisions.sqlite3"
+    return _options(
+        ("--db", Path, "FILE", database, "ledger and answers"),
+        ("--cap", _dollars, "USD", 5.0, "US dollars that a UTC day may cost"),
+    )
+
+
+def _calls() -> argparse.ArgumentParser:
+    options = _options(
+        ("--feature", _feature, "NAME", "triage", f"one of {', '.join(INSTRUCTIONS)}"),
+        ("--attempts", _attempts, "N", 4, "the most attempts of one call"),
+        ("--first-call-at-most", _dollars, "USD", math.inf, FIRST_CALL),
+        ("--timeout", _timeout, "S", 10.0, "seconds that an attempt may take in all"),
+        ("--endpoint", _url, "URL", None, "of the endpoint; without it, a stand-in of its own"),
+    )
+    resumes, paid_for = argparse.BooleanOptionalAction, "take answers that were paid for already"
+    options.add_argument("--resume", action=resumes, default=True, help=paid_for)
+    return options
+
+
+def _stand_in() -> argparse.ArgumentParser:
+    return _options(
+        ("--latency", _seconds, "S", 0.02, "of the endpoint, seconds"),
+        ("--failure-rate", _rate, "P", 0.0, "of its replies that fail, 0 to 1"),
+        ("--lost-rate", _rate, "P", 0.0, "of its replies that are billed and lost, 0 to 1"),
+        ("--refuse-every", _number, "N", 0, "requests until it refuses all; 0: it never does"),
+        ("--refuse-for", _seconds, "S", 0.5, "seconds that it refuses all"),
+        title="the stand-in for an endpoint",
+    )
+
+
+def _pass() -> argparse.ArgumentParser:
+    options = _options(
+        ("--glob", str, "PATTERN", "*", "the files of a directory that are meant"),
+        ("--limit", _count, "N", None, "take only the first so many files"),
+        ("--workers", _workers, "N", 8, "threads"),
+        ("--max-calls", _number, "N", 10_000, "paid calls of the pass"),
+        ("--max-tokens", _number, "N", 50_000_000, "input tokens of the pass"),
+        ("--output", Path, "FILE", None, "one JSON line a file; without it, standard output"),
+    )
+    planned = "only say what would be asked, and its cost at most"
+    options.add_argument("--dry-run", action="store_true", help=planned)
+    return options
 
 
 def _options(

@@ -5,20 +5,12 @@ import time
 import uuid
 from collections.abc import Callable, Mapping
 from contextlib import ExitStack
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
-from tenacity import (
-    RetryError,
-    Retrying,
-    retry_if_exception,
-    stop_after_attempt,
-    wait_random_exponential,
-)
-
-from decision_client.ends import AttemptFailed, Next
+from decision_client.attempts import Attempts
+from decision_client.ends import AttemptFailed
 from decision_client.engines.decision_bounds import (
     DailySpend,
-    DecisionError,
     DecisionStopped,
     DecisionTimeout,
     DecisionUnavailable,
@@ -35,22 +27,15 @@ from decision_client.turns import Turns
 
 
 @dataclass(frozen=True)
-class Attempts:
-    """How a call is tried."""
+class _Call:
+    """A request, the bounds that it belongs to, and its attempts so far."""
 
-    limit: int = 4
-    """The most attempts of one call."""
-    backoff_s: float = 0.1
-    """The most seconds before the second attempt; they double before each further one, and a
-    random part of them is waited, so that calls that failed together do not return together."""
-    longest_backoff_s: float = 10.0
-    timeout_s: float = 10.0
-    """The most seconds that an attempt may take in all."""
-    first_call_at_most: float = math.inf
-    """US dollars that a call holds while no reply of its feature has told a cost; without such a
-    ceiling it holds all that is left, and runs alone."""
-    assumed_cost: float = 0.05
-    """US dollars counted for a lost reply while nothing else is known."""
+    request: Request
+    budget: RunBudget | None
+    deadline: float | None
+    sent: list[AttemptId]
+    key: str = field(default_factory=lambda: uuid.uuid4().hex)
+    """The idempotency key, the same for all attempts."""
 
 
 class PaidCalls:
@@ -115,33 +100,11 @@ class PaidCalls:
             answer = self.cached(request, budget)
             if answer is not None:
                 return answer
-            return self._try(request, budget, deadline, [] if sent is None else sent)
-
-    def _try(
-        self,
-        request: Request,
-        budget: RunBudget | None,
-        deadline: float | None,
-        sent: list[AttemptId],
-    ) -> DecisionResult:
-        """Make attempts until one brings a reply; all have the same idempotency key."""
-        call, tried = uuid.uuid4().hex, self._attempts
-        attempts = Retrying(
-            retry=retry_if_exception(_is_worth_another),
-            stop=stop_after_attempt(tried.limit),
-            wait=wait_random_exponential(tried.backoff_s, tried.longest_backoff_s),
-            sleep=lambda seconds: self._back_off(seconds, deadline),
-        )
-        try:
-            for attempt in attempts:
-                with attempt:
-                    id = AttemptId(call, attempt.retry_state.attempt_number)
-                    return self._attempt(id, request, budget, deadline, sent)
-        except RetryError as error:
-            last = error.last_attempt
-            message = f"the decision call failed at attempt {last.attempt_number}, its last: "
-            raise DecisionError(message + str(last.exception())) from last.exception()
-        raise AssertionError("the attempts end with a reply or an error")
+            call = _Call(request, budget, deadline, [] if sent is None else sent)
+            return self._attempts.make(
+                lambda number: self._attempt(AttemptId(call.key, number), call),
+                lambda seconds: self._back_off(seconds, call),
+            )
 
     def most_cost(self, request: Request) -> float:
         """US dollars that a request may cost at most: as learned or, before that, the ceiling."""
@@ -156,19 +119,13 @@ class PaidCalls:
         """Seconds for which the endpoint still refuses requests; 0.0: it may be asked."""
         return self._client.refused_for()
 
-    def _attempt(
-        self,
-        id: AttemptId,
-        request: Request,
-        budget: RunBudget | None,
-        deadline: float | None,
-        sent: list[AttemptId],
-    ) -> DecisionResult:
+    def _attempt(self, id: AttemptId, call: _Call) -> DecisionResult:
         """One attempt, with an admission of its own: nothing is held between two attempts."""
         self._client.check_open()
+        request = call.request
         with ExitStack() as scope:
-            shares = self._admit(scope, request, budget, deadline)
-            reply = self._ask(id, request, deadline, sent)
+            shares = self._admit(scope, call)
+            reply = self._ask(id, call)
             # Learned first, settled second: a settlement wakes the calls that wait. One that was
             # quicker than this thread would not know the cost yet, and run alone once more. A free
             # reply tells no price: learned, it would let all the calls of its kind in at once.
@@ -181,15 +138,14 @@ class PaidCalls:
             self._ledger.record_reply(id, request, reply)
         return reply
 
-    def _admit(
-        self, scope: ExitStack, request: Request, budget: RunBudget | None, deadline: float | None
-    ) -> list[Share]:
+    def _admit(self, scope: ExitStack, call: _Call) -> list[Share]:
         """Take the shares of a call, which end with `scope`: of the day, and of its pass if any.
 
         The day's comes first, since its bound is asked again after each wait: of the calls before
         the first reply only one runs alone, and when the others are admitted, their tokens are
         known, too. All calls keep to this order, or two could wait for each other.
         """
+        request, budget = call.request, call.budget
         held, asked_at = math.inf, self._clock()
         stopping = never if budget is None else budget.stopping
 
@@ -198,7 +154,7 @@ class PaidCalls:
             held = self.most_cost(request)
             return held
 
-        day = self.spend.admit(bound, deadline=deadline, clock=self._clock, stopping=stopping)
+        day = self.spend.admit(bound, deadline=call.deadline, clock=self._clock, stopping=stopping)
         shares = [scope.enter_context(day)]
         if budget is not None:
             # Each token stands for a byte at least, so the size is a bound from the start.
@@ -210,21 +166,17 @@ class PaidCalls:
             raise DecisionStopped("the pass was asked to stop")
         return shares
 
-    def _ask(
-        self, id: AttemptId, request: Request, deadline: float | None, sent: list[AttemptId]
-    ) -> DecisionResult:
+    def _ask(self, id: AttemptId, call: _Call) -> DecisionResult:
         """Record the attempt, then make it, then record it again if it brought no reply."""
-        timeout_s = self._attempts.timeout_s
-        if deadline is not None:
-            timeout_s = min(timeout_s, self._left(deadline))
+        timeout_s = min(self._attempts.timeout_s, self._left(call))
         # What an attempt cost whose reply nobody reads is never known. So it counts as the most
         # that it may cost, and the day errs on the safe side.
-        most = self.most_cost(request)
+        most = self.most_cost(call.request)
         assumed_cost = self._attempts.assumed_cost if math.isinf(most) else most
-        self._ledger.record_sending(id, request, assumed_cost)
-        sent.append(id)
+        self._ledger.record_sending(id, call.request, assumed_cost)
+        call.sent.append(id)
         try:
-            return self._client.ask(request, id.call, timeout_s)
+            return self._client.ask(call.request, id.call, timeout_s)
         except BaseException as error:
             if isinstance(error, AttemptFailed):
                 billed = error.end.billed
@@ -246,19 +198,13 @@ class PaidCalls:
         self.tally.count_lost(assumed_cost)
         self._ledger.record_lost(id, assumed_cost)
 
-    def _back_off(self, pause_s: float, deadline: float | None) -> None:
-        if deadline is not None:
-            pause_s = min(pause_s, self._left(deadline))
-        self._pause(pause_s)
+    def _back_off(self, pause_s: float, call: _Call) -> None:
+        self._pause(min(pause_s, self._left(call)))
         self.tally.count_retry()
 
-    def _left(self, deadline: float) -> float:
-        """Seconds until `deadline`; raises `DecisionTimeout` when there are none."""
-        left = deadline - self._clock()
+    def _left(self, call: _Call) -> float:
+        """Seconds until a call's deadline; raises `DecisionTimeout` when there are none."""
+        left = math.inf if call.deadline is None else call.deadline - self._clock()
         if left <= 0.0:
             raise DecisionTimeout("the decision call ran out of its deadline")
         return left
-
-
-def _is_worth_another(error: BaseException) -> bool:
-    return isinstance(error, AttemptFailed) and error.end.then is Next.RETRY

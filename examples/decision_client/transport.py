@@ -39,6 +39,7 @@ class _Exchange:
     def __init__(self) -> None:
         self.status: int | None = None
         self.retry_after: str | None = None
+        self.location = ""
         self.end: End | None = None
         """How the attempt ended, by its status; none when its body says."""
         self.content = b""
@@ -51,6 +52,7 @@ class _Exchange:
             "POST", url, content=request.body, headers=headers, extensions=trace
         ) as response:
             self.retry_after = response.headers.get("Retry-After")
+            self.location = response.headers.get("Location", "")
             self.end = end_by_status(response.status_code, self.retry_after)
             self.status = response.status_code
             most = LARGEST_REPLY if self.end is None else SHOWN
@@ -154,7 +156,7 @@ class EndpointClient:
         await asyncio.wait({running}, timeout=CLOSING_S)
         if exchange.end is not None:  # of a failure the status is enough
             said = exchange.content[:SHOWN].decode(errors="replace")
-            detail = f"status {exchange.status} {said}".strip()
+            detail = f"status {exchange.status} {exchange.location or said}".strip()
             raise self._failure(exchange.end, exchange.retry_after, detail)
         lost = End.NOT_SENT if running.done() and exchange.unsent else End.LOST
         if not running.done() or running.cancelled():

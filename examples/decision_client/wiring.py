@@ -5,12 +5,13 @@ import os
 from collections.abc import Callable
 from contextlib import ExitStack
 
+from decision_client.attempts import Attempts
 from decision_client.display import dollars
 from decision_client.endpoint import Endpoint, Faults
 from decision_client.engines.decision_bounds import DailySpend, RequestRates
 from decision_client.exits import WrongArgument
 from decision_client.ledger import Ledger
-from decision_client.paid_calls import Attempts, PaidCalls
+from decision_client.paid_calls import PaidCalls
 from decision_client.request import INSTRUCTIONS
 from decision_client.screen import Screen
 from decision_client.transport import EndpointClient

@@ -6,12 +6,13 @@ from datetime import datetime, timedelta, timezone
 from itertools import chain, repeat
 
 import pytest
+from decision_client.attempts import Attempts
 from decision_client.batch import BatchPass
 from decision_client.cli import main
 from decision_client.endpoint import Endpoint, Faults, Outcome
 from decision_client.engines import decision_bounds as bounds
 from decision_client.ledger import Ledger
-from decision_client.paid_calls import Attempts, PaidCalls
+from decision_client.paid_calls import PaidCalls
 from decision_client.request import DecisionResult, Request
 from decision_client.transport import EndpointClient
 

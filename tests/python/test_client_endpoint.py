@@ -11,9 +11,9 @@ from email.utils import format_datetime
 from functools import partial
 
 import pytest
+from decision_client.attempts import Attempts
 from decision_client.cli import main
 from decision_client.engines import decision_bounds as bounds
-from decision_client.paid_calls import Attempts
 from decision_client.transport import EndpointClient
 from test_client import rig, write_files  # noqa: F401 (a fixture)
 
@@ -102,7 +102,7 @@ ENDS = {
     "tokens negative": (says(input_tokens=-1), 1, True, FAILED, "its input_tokens is no number"),
     "half a token": (says(input_tokens=0.5), 1, True, FAILED, "its input_tokens is no whole"),
     "decision missing": (says(decision=None), 1, True, FAILED, "its decision is no text"),
-    "redirect": (reply(307, b"", "Location: /"), 1, False, FAILED, "is elsewhere.*status 307"),
+    "redirect": (reply(307, b"", "Location: /b"), 1, False, FAILED, "elsewhere.*: status 307 /b"),
     "400": (reply(400, b"no such feature"), 1, False, FAILED, "status 400 no such feature"),
     "401": (reply(401), 1, False, UNAVAILABLE, "does not accept the credentials: status 401"),
     "402": (reply(402), 1, False, UNAVAILABLE, "asks for payment first"),

@@ -8,7 +8,7 @@ import time
 
 import pytest
 from conftest import FOLDER, REPOSITORY
-from decision_client.paid_calls import Attempts
+from decision_client.attempts import Attempts
 from test_client import rig  # noqa: F401 (a fixture)
 
 LATENCY_S = 0.1
