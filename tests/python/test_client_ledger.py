@@ -5,8 +5,11 @@ import signal
 import sqlite3
 import subprocess
 import sys
+import threading
+import time
 from contextlib import closing
 from datetime import timedelta
+from functools import partial
 
 import pytest
 from conftest import FOLDER, REPOSITORY
@@ -36,6 +39,8 @@ def test_what_died_on_its_way_is_lost_until_it_is_settled(tmp_path, capfd):
         assert ledger.cost_of("2024-05-01") == 0.0, "the account holds what is on its way"
     with closing(Ledger(path)) as ledger:
         assert [attempt.id for attempt in ledger.recover()] == ids[:2] and not ledger.recover()
+        with ledger._database._writing:  # a look-up does not wait for a commit
+            assert ledger.find(FEATURE) is None
         assert ledger.cost_of("2024-05-01") == 0.5
     command = f"settle-lost one/1=0.0625 --rest 0 --db {path}".split()
     assert main(["settle-lost", "two/1=1", "--db", str(path)]) == 2
@@ -91,6 +96,18 @@ def test_a_database_has_one_process(tmp_path, capfd):
         other.execute("CREATE TABLE another_programs (x)")
     with pytest.raises(StorageError, match="not made by this version"):
         Ledger(tmp_path / "other")
+
+
+def test_a_second_signal_interrupts_the_calls_in_flight(tmp_path, capfd, monkeypatch):
+    interrupt = partial(os.kill, os.getpid(), signal.SIGTERM)
+    again = threading.Timer(0.3, interrupt)
+    monkeypatch.setattr(Faults, "draw", lambda faults: interrupt() or again.start() or ANSWER)
+    write_files(tmp_path, map(str, range(20)))
+    began = time.monotonic()
+    assert main(f"batch {tmp_path} --glob *.txt --latency 3 --db {tmp_path}/db".split()) == 130
+    assert time.monotonic() - began < 2 and "counts as lost" in capfd.readouterr().err
+    with closing(Ledger(tmp_path / "db")) as ledger:
+        assert len(ledger.lost()) == 1 and not ledger.recover()
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
