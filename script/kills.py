@@ -18,9 +18,12 @@ import sys
 import tempfile
 import time
 import urllib.request
+from contextlib import closing
 from pathlib import Path
 
 EXAMPLES = Path(__file__).resolve().parents[1] / "examples"
+MOST_COST = 0.0005
+"""US dollars that no file made here costs at the stand-in's prices."""
 CLIENT = """
 import sys, decision_client.engines
 decision_client.engines.__path__[:] = [sys.argv.pop(1)]
@@ -36,16 +39,30 @@ def client(module: Path, *arguments: object, **options: object) -> subprocess.Po
     return subprocess.Popen(command, env=environment, text=True, **options)
 
 
+def replies_in(path: Path) -> int:
+    """How many replies the ledger has, if there is one yet."""
+    try:
+        with closing(sqlite3.connect(f"file:{path}?mode=ro", uri=True)) as ledger:
+            query = "SELECT COUNT(*) FROM attempts WHERE state = 'reply'"
+            return int(ledger.execute(query).fetchone()[0])
+    except sqlite3.OperationalError:
+        return 0
+
+
 def run_killed(chosen: argparse.Namespace, folder: Path, url: str) -> None:
     """Run the pass until it has been killed as often as is wanted, then to its end."""
     arguments = ["batch", folder / "files", "--db", folder / "db", "--endpoint", url]
     arguments += ["--workers", chosen.workers, "--cap", 1000, "--max-calls", 10 * chosen.files]
+    arguments += ["--first-call-at-most", MOST_COST]  # else the dearest so far would be assumed
     random.seed(chosen.seed)
-    kills = 0
+    kills, whole_s = 0, chosen.latency * chosen.files / chosen.workers
     while kills < chosen.kills:
+        before = replies_in(folder / "db")
         running = client(chosen.module, *arguments, stdout=subprocess.DEVNULL)
-        # Drawn so that the kills together leave something to do: no pass gets a third of the time.
-        time.sleep(0.4 + random.uniform(0, chosen.latency * chosen.files / chosen.workers / 3))
+        while running.poll() is None and replies_in(folder / "db") == before:
+            time.sleep(0.01)
+        # Drawn so that all the kills together leave something to do.
+        time.sleep(random.uniform(0, whole_s / (chosen.kills + 1)))
         running.kill()
         if running.wait() == -signal.SIGKILL:
             kills += 1

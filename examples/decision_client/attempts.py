@@ -31,7 +31,7 @@ class Attempts:
     """The most seconds that an attempt may take in all."""
     first_call_at_most: float = math.inf
     """US dollars that a call holds while no reply of its feature has told a cost; without such a
-    ceiling it holds all that is left, and runs alone."""
+    ceiling it holds all that is left, and runs alone. A lost reply counts as that at least."""
     assumed_cost: float = 0.05
     """US dollars counted for a lost reply while nothing else is known."""
 

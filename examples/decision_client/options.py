@@ -13,7 +13,10 @@ from decision_client.exits import EXIT_CODES
 from decision_client.ledger import AttemptId
 from decision_client.request import INSTRUCTIONS
 
-FIRST_CALL = "US dollars that a call may cost while nobody has paid for its feature yet"
+FIRST_CALL = (
+    "US dollars that a call may cost while nobody has paid for its feature yet; also the least "
+    "that a lost reply counts"
+)
 
 
 class _Help(argparse.ArgumentDefaultsHelpFormatter, argparse.RawDescriptionHelpFormatter):

@@ -170,9 +170,11 @@ class PaidCalls:
         """Record the attempt, then make it, then record it again if it brought no reply."""
         timeout_s = min(self._attempts.timeout_s, self._left(call))
         # What an attempt cost whose reply nobody reads is never known. So it counts as the most
-        # that it may cost, and the day errs on the safe side.
-        most = self.most_cost(call.request)
-        assumed_cost = self._attempts.assumed_cost if math.isinf(most) else most
+        # that it may cost, and the day errs on the safe side. The dearest so far is not yet the
+        # dearest of all: where the user has named a ceiling, it counts as that at least.
+        named, learned = self._attempts.first_call_at_most, self.most_cost(call.request)
+        known = [cost for cost in (named, learned) if not math.isinf(cost)]
+        assumed_cost = max(known, default=self._attempts.assumed_cost)
         self._ledger.record_sending(id, call.request, assumed_cost)
         call.sent.append(id)
         try:

@@ -95,6 +95,8 @@ class EndpointClient:
             headers={"Accept-Encoding": "identity", "Content-Type": "application/json"}
             | ({"Authorization": f"Bearer {api_key}"} if api_key else {}),
             trust_env=trust_env,
+            # Redirects are not followed, so plain HTTP needs no certificates, which take a while.
+            verify=url.startswith("https:"),
         )
         self._thread = threading.Thread(target=self._loop.run_forever, daemon=True)
         self._thread.start()
