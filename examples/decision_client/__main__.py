@@ -14,8 +14,9 @@ except ModuleNotFoundError as error:
 try:
     from decision_client.cli import main
 except ModuleNotFoundError as error:
-    if error.name != "rich":
+    if error.name not in ("httpx", "platformdirs", "rich", "tenacity"):
         raise
-    sys.exit(f"decision_client: {sys.executable} has no package rich (Debian: python3-rich)")
+    package = f"package {error.name} (Debian: python3-{error.name})"
+    sys.exit(f"decision_client: {sys.executable} has no {package}")
 
 sys.exit(main())

@@ -127,9 +127,9 @@ class AsyncCalls:
     def _admit(self, call: PaidCall, size: int, feature: str, budget: RunBudget | None) -> None:
         """Take all the shares of a call, on a thread of the pool.
 
-        First the pass's, then the day's, as in `PaidCalls`: in two orders calls could wait for each
-        other, and no call should wait while it holds what every pass needs. The rates are asked
-        only now: of the calls before the first reply, those in the queue need not run alone.
+        First the day's, then the pass's, as in `PaidCalls`: in two orders calls could wait for each
+        other. The day's bound is asked again after each wait, and the tokens only when it has been
+        met: so of all the calls before the first reply only one runs alone.
         """
 
         def stopping() -> bool:
@@ -137,9 +137,9 @@ class AsyncCalls:
 
         self._here.call = call
         cost, clock = partial(self._rates.cost, size, feature), time.monotonic
+        call.take(self._spend.admit(cost, deadline=None, clock=clock, stopping=stopping))
         if budget is not None:
             call.take(budget.hold(self._rates.tokens(size)))
-        call.take(self._spend.admit(cost, deadline=None, clock=clock, stopping=stopping))
         self._check(stopping())  # a stop that came with the room must not start a call
 
     @staticmethod

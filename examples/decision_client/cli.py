@@ -1,162 +1,131 @@
-"""The commands: `batch`, `tool` and `spend`."""
+"""The commands: `batch`, `tool`, `spend`, `settle-lost` and `endpoint`."""
 
 import argparse
-import logging
-import signal
-import sqlite3
-import sys
+import json
 import threading
 import time
-from collections.abc import Callable, Iterator
-from contextlib import ExitStack, contextmanager
-from types import FrameType
+from contextlib import ExitStack
+from dataclasses import asdict
 
-from rich.console import Console
-from rich.logging import RichHandler
-
-from decision_client.batch import BatchPass, find_files, read_text
-from decision_client.display import PassView, day_table, dollars, say, show_failures
-from decision_client.endpoint import Endpoint, Faults
+from decision_client.batch_command import batch
+from decision_client.database import StorageError
+from decision_client.display import day_table, dollars, lost_table
+from decision_client.endpoint import Endpoint
 from decision_client.engines.decision_bounds import (
-    DailySpend,
     DecisionBudgetExceeded,
     DecisionError,
     DecisionTimeout,
     DecisionUnavailable,
-    RequestRates,
-    RunBudget,
 )
-from decision_client.ledger import Ledger
+from decision_client.exits import (
+    ANSWERED,
+    FAILED,
+    REFUSED,
+    STOPPED,
+    STORAGE,
+    TIMED_OUT,
+    UNAVAILABLE,
+    USAGE,
+    WrongArgument,
+)
+from decision_client.files import read_text
+from decision_client.ledger import AttemptId
 from decision_client.options import parse
-from decision_client.paid_calls import Attempts, PaidCalls
 from decision_client.request import Request
-from decision_client.transport import EndpointClient
+from decision_client.results import Result
+from decision_client.screen import Screen
+from decision_client.signals import stop_on_signals
+from decision_client.wiring import check_ledger, faults_of, open_calls, open_ledger, read_ledger
 
-ANSWERED, FAILED, USAGE, REFUSED, TIMED_OUT, UNAVAILABLE, STOPPED = 0, 1, 2, 3, 4, 5, 130
-
-
-class WrongArgument(Exception):
-    """An argument that turned out wrong when it was used; the message names it."""
+CODES = (
+    (DecisionBudgetExceeded, REFUSED),
+    (DecisionTimeout, TIMED_OUT),
+    (DecisionUnavailable, UNAVAILABLE),
+)
 
 
 def main(arguments: list[str] | None = None) -> int:
     """Run one command and return its exit code."""
     chosen = parse(arguments)
-    console = Console()
-    warnings = RichHandler(console=console, show_time=False, show_path=False)
-    logging.basicConfig(format="%(message)s", handlers=[warnings])
-    command = {"batch": batch, "tool": tool, "spend": spend}[chosen.command]
+    screen, scope = Screen(), ExitStack()
+    commands = {
+        "batch": batch,
+        "tool": tool,
+        "spend": spend,
+        "settle-lost": settle_lost,
+        "endpoint": endpoint,
+    }
     try:
-        with ExitStack() as scope:
-            return command(chosen, console, scope)
+        with scope:
+            code = commands[chosen.command](chosen, screen, scope)
+        return code
     except WrongArgument as error:
-        print(f"decision_client: error: argument {error}", file=sys.stderr)
-    except sqlite3.Error as error:
-        print(f"decision_client: error: argument --db: {chosen.db}: {error}", file=sys.stderr)
+        screen.say(f"decision_client: error: argument {error}")
+        return USAGE
+    except StorageError as error:
+        screen.say(f"decision_client: error: {error}")
+        return STORAGE
     except KeyboardInterrupt:
-        say(console, "Stopped.")
+        screen.say("Interrupted: what was on its way counts as lost (see settle-lost).")
         return STOPPED
-    return USAGE
 
 
-def batch(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
-    """Take one request a file through the bounds, and show the summary however it ends."""
-    try:
-        files = find_files(chosen.paths, chosen.glob)[: chosen.limit]
-    except (ValueError, NotImplementedError) as error:
-        raise WrongArgument(f"--glob: {error}") from error
-    if not files:
-        raise WrongArgument(f"PATH: no file there matches --glob {chosen.glob!r}")
-    stop = threading.Event()
-    budget = RunBudget(chosen.max_calls, chosen.max_tokens, should_stop=stop.is_set)
-    endpoint, calls = open_calls(chosen, scope, pause=stop.wait)
-    view = PassView(console, budget, calls.spend, chosen.cap, calls.tally)
-    began = time.monotonic()
-    with interrupt_sets(stop), view.bars:
-        batch_pass = BatchPass(calls, budget, chosen.feature, stop)
-        report = batch_pass.run(files, chosen.workers, view.show)
-    console.print(view.table(report, endpoint.billed, time.monotonic() - began))
-    show_failures(console, report)
-    if stop.is_set():
-        say(console, "Stopped: the calls in flight have ended, and nothing is held.")
-        return STOPPED
-    if report.refusal is not None:
-        say(console, f"Refused: {report.refusal}")
-        return REFUSED
-    return FAILED if report.failed else ANSWERED
-
-
-def tool(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
+def tool(chosen: argparse.Namespace, screen: Screen, scope: ExitStack) -> int:
     """Make one tool's call: no run budget, but a deadline."""
     deadline = time.monotonic() + chosen.deadline
     try:
         request = Request(chosen.feature, read_text(chosen.path))
     except OSError as error:
         raise WrongArgument(f"PATH: {error}") from error
-    _, calls = open_calls(chosen, scope, pause=time.sleep)
+    at_once = threading.Event()
+    at_once.set()
+    scope.enter_context(stop_on_signals(at_once))
+    calls, sent = open_calls(chosen, screen, scope, pause=time.sleep), list[AttemptId]()
     try:
-        answer = calls.decide(request, deadline=deadline)
+        answer = calls.decide(request, deadline=deadline, sent=sent)
     except DecisionError as error:
-        say(console, f"{type(error).__name__}: {error}")
-        codes: dict[type[DecisionError], int] = {
-            DecisionBudgetExceeded: REFUSED,
-            DecisionTimeout: TIMED_OUT,
-            DecisionUnavailable: UNAVAILABLE,
-        }
-        return codes.get(type(error), FAILED)
-    source = "from the cache" if answer.cached else f"{answer.input_tokens:,} input tokens"
-    say(console, f"{chosen.path}: {answer.decision} ({source}, {dollars(answer.cost)})")
+        screen.say(f"{type(error).__name__}: {error}")
+        return next((code for kind, code in CODES if isinstance(error, kind)), FAILED)
+    call = sent[-1].call if sent else None
+    said = Result(
+        str(chosen.path), request.key, **asdict(answer), attempts=len(sent), call=call
+    )
+    screen.write_line(json.dumps(asdict(said)))
     return ANSWERED
 
 
-def spend(chosen: argparse.Namespace, console: Console, scope: ExitStack) -> int:
+def spend(chosen: argparse.Namespace, screen: Screen, scope: ExitStack) -> int:
     """Show what was paid today against the cap."""
-    ledger = open_ledger(chosen, scope)
+    ledger = read_ledger(chosen, scope)
     day = ledger.today()
     settled = ledger.cost_of(day)
-    console.print(day_table(day, ledger.payments_of(day), settled, chosen.cap))
+    screen.out.print(day_table(day, ledger.attempts_of(day), settled, chosen.cap))
     return ANSWERED
 
 
-def open_ledger(chosen: argparse.Namespace, scope: ExitStack) -> Ledger:
-    """Open the ledger; it is closed with `scope`."""
-    ledger = Ledger(chosen.db)
-    scope.callback(ledger.close)
-    return ledger
+def settle_lost(chosen: argparse.Namespace, screen: Screen, scope: ExitStack) -> int:
+    """Replace assumed costs by the real ones, then list what is still assumed."""
+    check_ledger(chosen)
+    ledger = open_ledger(chosen, screen, scope)
+    lost = {attempt.id for attempt in ledger.lost()}
+    costs = dict(chosen.costs)
+    for id in costs.keys() - lost:
+        raise WrongArgument(f"CALL/ATTEMPT=USD: {id} is not a lost attempt")
+    if chosen.rest is not None:
+        costs |= {id: chosen.rest for id in lost - costs.keys()}
+    if costs:
+        ledger.settle_lost(costs)
+        screen.say(f"Settled: {len(costs):,} attempts, now {dollars(sum(costs.values()))}")
+    screen.out.print(lost_table(ledger.lost()))
+    return ANSWERED
 
 
-def open_calls(
-    chosen: argparse.Namespace, scope: ExitStack, pause: Callable[[float], object]
-) -> tuple[Endpoint, PaidCalls]:
-    """Start an endpoint and make all that calls need; both end with `scope`."""
-    ledger = open_ledger(chosen, scope)
-    rates = RequestRates()
-    # What earlier runs learned holds in this one: the calls of a known feature need not run alone.
-    for size, feature, reply in ledger.recent_replies():
-        rates.learn(size, feature, reply)
-    faults = Faults(
-        latency_s=chosen.latency,
-        failure_rate=chosen.failure_rate,
-        lost_rate=chosen.lost_rate,
-        refuse_every=chosen.refuse_every,
-        refuse_for_s=chosen.refuse_for,
-    )
-    endpoint = scope.enter_context(Endpoint(faults))
-    client = EndpointClient(endpoint.server_port)
-    account = DailySpend(chosen.cap, ledger.today, ledger.cost_of)
-    return endpoint, PaidCalls(client, ledger, account, rates, Attempts(chosen.attempts), pause)
-
-
-@contextmanager
-def interrupt_sets(stop: threading.Event) -> Iterator[None]:
-    """Have the first Ctrl-C set `stop`, so that a pass ends in order; a second one interrupts."""
-
-    def on_interrupt(_signal: int, _frame: FrameType | None) -> None:
-        signal.signal(signal.SIGINT, before)
-        stop.set()
-
-    before = signal.signal(signal.SIGINT, on_interrupt)
-    try:
-        yield
-    finally:
-        signal.signal(signal.SIGINT, before)
+def endpoint(chosen: argparse.Namespace, screen: Screen, scope: ExitStack) -> int:
+    """Serve the stand-in until Ctrl-C or SIGTERM, for clients that name it with --endpoint."""
+    stop = threading.Event()
+    scope.enter_context(stop_on_signals(stop))
+    server = scope.enter_context(Endpoint(faults_of(chosen), port=chosen.port))
+    screen.write_line(server.url)
+    stop.wait()
+    screen.say(f"Billed: {dollars(server.billed)} for {len(server.bill):,} calls")
+    return ANSWERED

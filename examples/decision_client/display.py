@@ -1,5 +1,6 @@
 """What the user sees: a live view of a pass, and tables at the end."""
 
+import math
 from collections.abc import Iterable
 
 from rich import box
@@ -10,6 +11,8 @@ from rich.text import Text
 
 from decision_client.batch import PassReport
 from decision_client.engines.decision_bounds import DailySpend, RunBudget
+from decision_client.ledger import LostAttempt
+from decision_client.screen import printable, say
 from decision_client.tally import Tally
 
 MOST_FAILURES_SHOWN = 5
@@ -18,11 +21,6 @@ MOST_FAILURES_SHOWN = 5
 def dollars(amount: float) -> str:
     """US dollars as they are shown: four decimals, for a call costs far less than a cent."""
     return f"${amount:,.4f}"
-
-
-def say(console: Console, message: str) -> None:
-    """Print a message as it stands: neither wrapped, nor read for markup."""
-    console.print(Text(message), soft_wrap=True)
 
 
 class PassView:
@@ -61,8 +59,8 @@ class PassView:
         self._draw(self._tokens, budget.input_tokens, budget.max_tokens, tokens)
         self._draw(self._day, settled + self._tally.held, self._cap, day)
 
-    def table(self, report: PassReport, billed: float, seconds: float) -> Table:
-        """The summary of a pass that took `seconds`; the endpoint billed `billed` US dollars."""
+    def table(self, report: PassReport, unreadable: int, seconds: float) -> Table:
+        """The summary of a pass that took `seconds`; so many folders were `unreadable`."""
         summary, tally = self._budget.summary(), self._tally
         decided = ", ".join(f"{name} {count:,}" for name, count in sorted(report.decisions.items()))
         settled = self._spend.spent()
@@ -72,6 +70,7 @@ class PassView:
                 ("files", f"{report.files:,}"),
                 ("decided", decided or "none"),
                 ("failed, left unasked", f"{len(report.failed):,}, {report.unasked:,}"),
+                ("folders not readable", f"{unreadable:,}"),
                 ("answered from the cache", f"{summary['cache_hits']:,}"),
                 ("paid calls", f"{summary['calls']:,} of {summary['max_calls']:,}"),
                 ("input tokens", f"{summary['input_tokens']:,} of {summary['max_tokens']:,}"),
@@ -80,7 +79,6 @@ class PassView:
             [
                 ("settled today (UTC)", f"{dollars(settled)} of {dollars(self._cap)}"),
                 ("held at most, held now", f"{dollars(tally.most_held)}, {dollars(tally.held)}"),
-                ("billed by the endpoint", dollars(billed)),
             ],
             [
                 ("waits for room", f"{tally.waits:,} calls, {tally.waited_s:.2f} s in all"),
@@ -99,15 +97,14 @@ class PassView:
 
 
 def day_table(
-    day: str, payments: Iterable[tuple[str, str, int, float]], settled: float, cap: float
+    day: str, attempts: Iterable[tuple[str, str, int, float]], settled: float, cap: float
 ) -> Table:
-    """What one UTC day's payments came to, against the cap. Amounts are US dollars."""
-    kinds = {"reply": "replies", "lost": "lost replies"}
+    """What one UTC day's attempts came to, against the cap. Amounts are US dollars."""
     return _table(
         f"{day} (UTC)",
         [
-            (f"{feature}, {kinds[kind]}: {count:,}", dollars(cost))
-            for feature, kind, count, cost in payments
+            (f"{feature}, {state}: {count:,}", dollars(cost))
+            for feature, state, count, cost in attempts
         ],
         [
             ("settled", dollars(settled)),
@@ -117,11 +114,41 @@ def day_table(
     )
 
 
+def plan_table(files: int, unread: int, cached: int, size: int, most: float) -> Table:
+    """What a pass would do; `size` is in bytes, `most` in US dollars."""
+    cost = "not known: no reply of the feature was paid yet" if math.isinf(most) else dollars(most)
+    return _table(
+        "Dry run: nothing was asked",
+        [
+            ("files", f"{files:,}"),
+            ("not readable", f"{unread:,}"),
+            ("answered already, or equal", f"{cached:,}"),
+            ("to be paid for", f"{files - unread - cached:,} requests, {size:,} bytes"),
+            ("cost at most, as learned", cost),
+        ],
+    )
+
+
+def lost_table(lost: Iterable[LostAttempt]) -> Table:
+    """The attempts that count at an assumed cost: when, for which request, how much."""
+    rows = [
+        (f"{one.id}", f"{one.day} {one.feature} {one.request[:12]} {dollars(one.assumed_cost)}")
+        for one in lost
+    ]
+    return _table("Attempts at an assumed cost", rows or [("none", "")])
+
+
 def _table(title: str, *sections: list[tuple[str, str]]) -> Table:
-    table = Table(title=title, show_header=False, box=box.ROUNDED, title_justify="left")
+    table = Table(
+        title=title,
+        show_header=False,
+        box=box.ROUNDED,
+        title_justify="left",
+        min_width=len(title),
+    )
     for rows in sections:
         for name, value in rows:
-            table.add_row(Text(name), Text(value))
+            table.add_row(Text(printable(name)), Text(printable(value)))
         table.add_section()
     return table
 

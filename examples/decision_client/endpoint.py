@@ -61,14 +61,17 @@ class Endpoint(ThreadingHTTPServer):
     """The endpoint, served by threads of its own on an ephemeral port while its scope is open."""
 
     daemon_threads = True
-    request_queue_size = 128
+    request_queue_size = 512
 
-    def __init__(self, faults: Faults, clock: Callable[[], float] = time.monotonic) -> None:
-        super().__init__(("127.0.0.1", 0), _Handler)
+    def __init__(
+        self, faults: Faults, clock: Callable[[], float] = time.monotonic, port: int = 0
+    ) -> None:
+        super().__init__(("127.0.0.1", port), _Handler)
         self.faults = faults
         self.requests = 0
-        self.billed = 0.0
-        """US dollars of all requests that it processed, lost replies included."""
+        self.bill: dict[str, tuple[dict[str, Any], float]] = {}
+        """By idempotency key: its answer and its US dollars, lost replies included."""
+        self.url = f"http://127.0.0.1:{self.server_port}/"
         self._clock = clock
         self._refusing_until = 0.0
         self._lock = threading.Lock()
@@ -95,10 +98,24 @@ class Endpoint(ThreadingHTTPServer):
                 self._refusing_until = now + self.faults.refuse_for_s
             return Outcome.REFUSAL, self._refusing_until - now
 
-    def bill(self, cost: float) -> None:
-        """Charge `cost` US dollars, whether or not the reply will arrive."""
+    @property
+    def billed(self) -> float:
+        """US dollars of all that it processed."""
         with self._lock:
-            self.billed += cost
+            return sum(cost for _, cost in self.bill.values())
+
+    def bills(self) -> dict[str, float]:
+        """US dollars by idempotency key."""
+        with self._lock:
+            return {key: cost for key, (_, cost) in self.bill.items()}
+
+    def answer(self, key: str, question: dict[str, Any]) -> dict[str, Any]:
+        """Decide and charge, whether or not the reply will arrive: once for the same key."""
+        with self._lock:
+            if key not in self.bill:
+                decided = _decide(**question)
+                self.bill[key] = decided, decided["cost"]
+            return self.bill[key][0]
 
     def handle_error(self, request: Any, client_address: Any) -> None:
         """A client that gave up waiting is no error of the endpoint."""
@@ -110,6 +127,7 @@ class _Handler(BaseHTTPRequestHandler):
     """Answers one `POST`: 200 with a decision, 500, or 503 with the seconds to stay away."""
 
     server: Endpoint
+    protocol_version = "HTTP/1.1"
     disable_nagle_algorithm = True
 
     def do_POST(self) -> None:
@@ -119,22 +137,30 @@ class _Handler(BaseHTTPRequestHandler):
             return
         outcome, refused_for_s = self.server.next_outcome()
         if outcome is Outcome.REFUSAL:
-            self._reply(HTTPStatus.SERVICE_UNAVAILABLE, {"retry_after_s": refused_for_s})
+            headers = {"Retry-After": f"{refused_for_s:.3f}"}
+            self._reply(HTTPStatus.SERVICE_UNAVAILABLE, {"error": "too many requests"}, headers)
             return
         time.sleep(self.server.faults.latency_s)
         if outcome is Outcome.FAILURE:
             self._reply(HTTPStatus.INTERNAL_SERVER_ERROR, {"error": "an internal error"})
             return
-        answer = _decide(**question)
-        self.server.bill(answer["cost"])
+        answer = self.server.answer(self.headers["Idempotency-Key"], question)
         if outcome is Outcome.LOST_REPLY:
             self.close_connection = True
         else:
             self._reply(HTTPStatus.OK, answer)
 
-    def _reply(self, status: HTTPStatus, answer: dict[str, Any]) -> None:
+    def do_GET(self) -> None:
+        """The bill so far."""
+        self._reply(HTTPStatus.OK, self.server.bills())
+
+    def _reply(
+        self, status: HTTPStatus, answer: dict[str, Any], headers: dict[str, str] | None = None
+    ) -> None:
         content = json.dumps(answer).encode()
         self.send_response(status)
+        for name, value in (headers or {}).items():
+            self.send_header(name, value)
         self.send_header("Content-Type", "application/json")
         self.send_header("Content-Length", str(len(content)))
         self.end_headers()

