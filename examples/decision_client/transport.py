@@ -6,10 +6,12 @@ moment: by its own time-out, and by the user.
 """
 
 import asyncio
+import ssl
 import threading
 import time
 from collections.abc import Callable
 from concurrent.futures import CancelledError, Future
+from itertools import cycle
 
 import httpx
 
@@ -25,6 +27,8 @@ from decision_client.ends import (
 from decision_client.engines.decision_bounds import DecisionUnavailable
 from decision_client.request import DecisionResult, Request
 
+POOLS = 16
+"""Pools of connections: for each request, one looks at all that are idle in it."""
 LARGEST_REPLY = 1 << 20
 """Bytes of a body that are read at most."""
 CLOSING_S = 0.1
@@ -88,23 +92,33 @@ class EndpointClient:
         self._aborted = False
         self._in_flight: set[Future[DecisionResult]] = set()
         self._loop = asyncio.new_event_loop()
-        self._http = httpx.AsyncClient(
-            timeout=None,  # each exchange has one for all of it
-            limits=httpx.Limits(max_connections=None, max_keepalive_connections=None),
-            # Nothing is unpacked, so that a small body cannot become a large one.
-            headers={"Accept-Encoding": "identity", "Content-Type": "application/json"}
-            | ({"Authorization": f"Bearer {api_key}"} if api_key else {}),
-            trust_env=trust_env,
-            # Redirects are not followed, so plain HTTP needs no certificates, which take a while.
-            verify=url.startswith("https:"),
-        )
+        # Nothing is unpacked, so that a small body cannot become a large one.
+        headers = {"Accept-Encoding": "identity", "Content-Type": "application/json"}
+        if api_key:
+            headers["Authorization"] = f"Bearer {api_key}"
+        # Redirects are not followed, so plain HTTP needs no certificates, which take a while.
+        verify: ssl.SSLContext | bool = False
+        if url.startswith("https:"):
+            verify = httpx.create_ssl_context()
+        self._pools = [
+            httpx.AsyncClient(
+                timeout=None,  # each exchange has one for all of it
+                limits=httpx.Limits(max_connections=None, max_keepalive_connections=None),
+                headers=headers,
+                trust_env=trust_env,
+                verify=verify,
+            )
+            for _ in range(POOLS)
+        ]
+        self._next_pool = cycle(self._pools)
         self._thread = threading.Thread(target=self._loop.run_forever, daemon=True)
         self._thread.start()
 
     def close(self) -> None:
         """Cancel what is in flight and close the connections; it is of no use afterwards."""
         self.abort()
-        asyncio.run_coroutine_threadsafe(self._http.aclose(), self._loop).result()
+        for pool in self._pools:
+            asyncio.run_coroutine_threadsafe(pool.aclose(), self._loop).result()
         self._loop.call_soon_threadsafe(self._loop.stop)
         self._thread.join()
         self._loop.close()
@@ -149,7 +163,8 @@ class EndpointClient:
 
     async def _exchange(self, request: Request, key: str, timeout_s: float) -> DecisionResult:
         exchange = _Exchange()
-        running = asyncio.ensure_future(exchange.run(self._http, self._url, request, key))
+        pool = next(self._next_pool)
+        running = asyncio.ensure_future(exchange.run(pool, self._url, request, key))
         try:
             await asyncio.wait({running}, timeout=timeout_s)
         finally:

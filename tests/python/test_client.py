@@ -88,7 +88,7 @@ def test_a_lost_reply_is_counted_and_a_failure_is_not(rig):
     rig.faults.draw = answers_after(FAIL, LOST, ANSWER, LOST, ANSWER, *[FAIL] * 4)
     reply = rig.decide(budget=rig.budget)
     counted = Attempts().assumed_cost + reply.cost
-    assert rig.spend.spent() == counted
+    assert rig.spend.spent() == counted and rig.endpoint.billed == reply.cost, "once for its key"
     most = rig.rates["triage"].cost(Request("triage", "another").size, "triage")
     second = rig.decide("another", budget=rig.budget)
     assert rig.spend.spent() == pytest.approx(counted + most + second.cost)
