@@ -335,7 +335,8 @@ class DailySpend:
     not above what the day has cost, NaN included.
     today: a function that gives today's UTC date as "YYYY-MM-DD".
     ledger: a function that gives what the paid calls since such a date cost, in US dollars,
-    asked once a day; or None.
+    asked once a day; or None. Where it fails, the day begins at 0 with a warning; to admit
+    nothing then, read it in today, whose errors propagate.
 
     Both functions are called with the lock held. They must not wait for another thread that
     uses this account. They may use it themselves; but the day begins when the ledger has
@@ -374,8 +375,9 @@ class DailySpend:
         """Admits one paid call and returns its Share of today's cap.
 
         bound: a function that gives the most that the call may cost, in US dollars; infinity
-        when that is not known (such a call runs alone); a negative one makes room for others.
-        Asked again after each wait.
+        when that is not known (such a call runs alone, and while others keep coming it may wait
+        for good: min(rates.cost(size, feature), ceiling) bounds that); a negative one makes
+        room for others. Asked again after each wait.
         deadline: when the call ends, on the scale of clock, or None.
         clock: a function that gives the time in seconds, and never goes back.
         stopping: a function that says whether the call's pass is stopping.

@@ -13,6 +13,17 @@ fail() {
 
 # Configures and builds one preset: build PRESET [TARGET...]
 build() {
+  local made_for=
+  if [[ -e build/$1/CMakeCache.txt ]]; then
+    made_for=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "build/$1/CMakeCache.txt")
+  fi
+  if [[ -e build/$1 && ! -w build/$1 ]]; then
+    echo "build/$1 belongs to another user: remove it, or work in a copy of your own" >&2
+    return 1
+  elif [[ $made_for && ! $made_for -ef . ]]; then
+    echo "build/$1 was made for the folder $made_for: remove it, and begin again" >&2
+    return 1
+  fi
   "$cmake" --preset "$1" --no-warn-unused-cli \
     -D Python3_EXECUTABLE="$(command -v "$python")" >/dev/null &&
     "$cmake" --build --preset "$1" ${2:+--target "${@:2}"}

@@ -75,6 +75,7 @@ void initialise(PyObject* self, const Signature& signature, Fields fields,
   sort_arguments(signature, arguments, std::span(given).first(signature.parameters.size()));
   // Keyword arguments live in a dict, which the conversion of one may find and empty.
   std::vector<Owned> kept;
+  kept.reserve(given.size());
   for (PyObject* value : given) kept.push_back(Owned::copy(value));
   std::vector<Owned> values(fields.size());
   for (std::size_t i = 0; i < fields.size(); ++i) {

@@ -21,9 +21,10 @@ using Today = std::function<std::string()>;
 /// at 0; whatever else it throws propagates, and the day does not begin. Its answer is used as it
 /// is. Empty: there is no ledger, each day begins at 0.
 using Ledger = std::function<double(const std::string& day)>;
-/// The most that a call may cost, in US dollars; infinity when that is not known (such a call runs
-/// alone). Used as it is: a negative bound makes room for other calls. Called with the account's
-/// lock held, before each test for room.
+/// The most that a call may cost, in US dollars; infinity when that is not known. Such a call runs
+/// alone, and while others keep coming it may wait for good: the lesser of that and a ceiling of
+/// your own bounds it. Used as it is: a negative bound makes room for other calls. Called with the
+/// account's lock held, before each test for room.
 using CostBound = std::function<double()>;
 /// A monotonic clock, in seconds.
 using Clock = std::function<double()>;
