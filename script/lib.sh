@@ -34,7 +34,7 @@ test_cpp() {
   ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure
 }
 
-# Runs the Python tests with a preset's module.
+# Runs the Python tests with a preset's module: test_python PRESET [OPTION OF PYTEST...]
 test_python() {
-  DECISION_BOUNDS_MODULE_DIR=build/$1/engines "$python" -m pytest tests/python
+  DECISION_BOUNDS_MODULE_DIR=build/$1/engines "$python" -m pytest tests/python "${@:2}"
 }
