@@ -1,7 +1,9 @@
 """The example client against its own endpoint: what it pays, what it counts, how it ends."""
 
+import math
 import sys
 import threading
+import time
 from datetime import datetime, timedelta, timezone
 from itertools import chain, repeat
 
@@ -135,6 +137,26 @@ def test_many_workers_stop_within_one_call_of_the_cap(rig):
     assert rig.all_is_given_back()
     again = rig.run(texts[::-1])
     assert rig.budget.calls == again.decisions.total() == 60 - report.unasked, "all from the cache"
+
+
+@pytest.mark.parametrize(("ceiling", "alone"), [(math.inf, 1), (0.01, 0)])
+def test_a_pass_of_unknown_cost_runs_at_full_width(rig, ceiling, alone):
+    rig.faults.latency_s = latency_s = 0.1
+    rig.calls._attempts = Attempts(first_call_at_most=ceiling)
+    seconds = []
+    for kind in ("fresh", "known"):
+        began = time.monotonic()
+        rig.run([f"{kind} {number}" for number in range(4 * 8)])
+        seconds.append(time.monotonic() - began)
+    assert seconds[0] < 1.3 * seconds[1] + (alone + 1) * latency_s
+    assert seconds[1] < 2 * 4 * latency_s and rig.all_is_given_back()
+
+
+def test_a_free_reply_teaches_no_price(rig):
+    answer = rig.endpoint.answer
+    rig.endpoint.answer = lambda key, question: answer(key, question) | {"cost": 0.0}
+    rig.decide()
+    assert rig.rates["triage"].cost(1, "triage") == math.inf and not [*rig.ledger.recent_replies()]
 
 
 COMMANDS = [

@@ -98,27 +98,22 @@ def test_a_database_has_one_process(tmp_path, capfd):
         Ledger(tmp_path / "other")
 
 
-def test_a_second_signal_interrupts_the_calls_in_flight(tmp_path, capfd, monkeypatch):
-    interrupt = partial(os.kill, os.getpid(), signal.SIGTERM)
-    again = threading.Timer(0.3, interrupt)
+@pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGHUP", "SIGTERM again"])
+def test_a_signal_stops_the_pass_in_order_and_a_second_its_calls(
+    tmp_path, capfd, monkeypatch, name
+):
+    number, is_sent_again = signal.Signals[name.split()[0]], name.endswith("again")
+    interrupt = partial(os.kill, os.getpid(), number)
+    again = threading.Timer(0.3, interrupt if is_sent_again else bool)
     monkeypatch.setattr(Faults, "draw", lambda faults: interrupt() or again.start() or ANSWER)
     write_files(tmp_path, map(str, range(20)))
+    arguments = f"batch {tmp_path} --glob *.txt --latency {3 if is_sent_again else 0.2}"
     began = time.monotonic()
-    assert main(f"batch {tmp_path} --glob *.txt --latency 3 --db {tmp_path}/db".split()) == 130
-    assert time.monotonic() - began < 2 and "counts as lost" in capfd.readouterr().err
-    with closing(Ledger(tmp_path / "db")) as ledger:
-        assert len(ledger.lost()) == 1 and not ledger.recover()
-
-
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP])
-def test_a_signal_stops_the_pass_in_order_and_shows_its_summary(
-    tmp_path, capfd, monkeypatch, number
-):
-    interrupt = lambda faults: os.kill(os.getpid(), number) or ANSWER
-    monkeypatch.setattr(Faults, "draw", interrupt)
-    write_files(tmp_path, map(str, range(20)))
-    arguments = f"batch {tmp_path} --glob *.txt --latency 0.2 --db {tmp_path}/db"
-    assert main(arguments.split()) == 130
+    assert main(f"{arguments} --db {tmp_path}/db".split()) == 130
+    assert time.monotonic() - began < 2
     shown = capfd.readouterr().err
-    assert "1 of 10,000" in shown and "Stopped: the calls in flight have ended" in shown
     assert f"{number.name}: stopping once the calls in flight have ended" in shown
+    in_order = "1 of 10,000" in shown and "Stopped: the calls in flight have ended" in shown
+    assert "counts as lost" in shown if is_sent_again else in_order
+    with closing(Ledger(tmp_path / "db")) as ledger:
+        assert len(ledger.lost()) == is_sent_again and not ledger.recover()
