@@ -115,6 +115,12 @@ def test_a_tools_call_ends_with_its_deadline(rig):
     assert rig.endpoint.requests == 0
 
 
+def test_no_call_starts_once_the_pass_is_stopped(rig):
+    rig.faults.draw = lambda: rig.stop.set() or ANSWER
+    report = rig.run([f"text {number}" for number in range(30)])
+    assert (rig.endpoint.requests, report.decisions.total(), report.unasked) == (1, 1, 29)
+
+
 def test_many_workers_stop_within_one_call_of_the_cap(rig):
     rig.faults.latency_s, rig.spend._cap = 0.005, 0.02
     dearest = DecisionResult("keep", False, 5000, 0.002)
