@@ -145,6 +145,7 @@ def test_a_pass_of_unknown_cost_runs_at_full_width(rig, ceiling, alone):
         seconds.append(time.monotonic() - began)
     assert seconds[0] < 1.3 * seconds[1] + (alone + 1) * latency_s
     assert seconds[1] < 2 * 4 * latency_s
+    assert (rig.calls.tally.most_held > 7.5 * 0.01) == (not alone), "8 hold the ceiling at once"
 
 
 def test_a_free_reply_teaches_no_price(rig):
