@@ -5,16 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cstdint>
-#include <exception>
-#include <functional>
 #include <limits>
-#include <memory>
-#include <optional>
-#include <span>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>

@@ -71,18 +71,6 @@ def test_a_pass_from_admission_to_refusal(kind):
     assert budget.stopping() is True and holds_nothing(budget)
 
 
-def test_a_reply_that_cannot_say_whether_it_is_cached_ends_only_a_call_that_held(kind):
-    budget, reply = kind.budget(), type("Unreadable", (), {"cached": property(boom)})()
-    shares = [budget.hold(amount) for amount in (0.0, 4.0, 5.0)]
-    for charge, *amount, left in [
-        (budget.charge, (3, 9.0)), (budget.charge, 0.0, (3, 9.0)), (budget.charge, 5.0, (2, 4.0)),
-        (shares[0].settle, (1, 4.0)), (shares[1].settle, (0, 0.0)),
-    ]:  # fmt: skip
-        pytest.raises(Boom, charge, reply, *amount)
-        assert (budget.in_flight, budget._held_tokens.amount) == left
-    assert holds_nothing(budget) and (budget.calls, budget.cache_hits) == (0, 0)
-
-
 ENDINGS = [(None, None), (Reply(0.0, 0), None), (Reply(10.0, 10), None), (Broken(), Boom),
            (None, KeyboardInterrupt), (Reply(0.0, 0), Boom)]  # fmt: skip
 

@@ -1,7 +1,9 @@
 """The example client against its own endpoint: what it pays, what it counts, how it ends."""
 
+import math
 import sys
 import threading
+import time
 from datetime import datetime, timedelta, timezone
 from itertools import chain, repeat
 
@@ -47,16 +49,14 @@ class Rig:
         batch_pass = BatchPass(self.calls, self.budget, "triage", self.stop)
         return batch_pass.run(write_files(self.path, texts), workers=8, show=lambda report: None)
 
-    def all_is_given_back(self):
-        held = (self.budget._held_tokens.holders, self.spend._held.holders, self.calls.tally.held)
-        return self.budget.in_flight == 0 and held == (0, 0, 0.0)
-
 
 @pytest.fixture
 def rig(tmp_path):
     rig = Rig(tmp_path)
     with rig.endpoint:
         yield rig
+    shares = rig.budget._held_tokens.holders, rig.spend._held.holders
+    assert (rig.budget.in_flight, *shares, rig.calls.tally.held) == (0, 0, 0, 0.0)
     rig.calls._client.close()
     rig.ledger.close()
 
@@ -96,7 +96,6 @@ def test_a_lost_reply_is_counted_and_a_failure_is_not(rig):
     assert (rig.budget.calls, rig.calls.tally.retries, rig.calls.tally.lost) == (2, 3, 2)
     with pytest.raises(bounds.DecisionError, match="failed at attempt 4, its last: .* status 500"):
         rig.decide("a third", budget=rig.budget)
-    assert rig.all_is_given_back()
 
 
 def test_a_refusing_endpoint_is_left_alone_until_its_window_ends(rig):
@@ -113,14 +112,13 @@ def test_a_tools_call_ends_with_its_deadline(rig):
     share = rig.spend.admit(lambda: 9.0, deadline=None, clock=float, stopping=bool)
     with share, pytest.raises(bounds.DecisionTimeout, match="calls in flight held the rest"):
         rig.decide(deadline=0.0)
-    assert rig.endpoint.requests == 0 and rig.all_is_given_back()
+    assert rig.endpoint.requests == 0
 
 
 def test_no_call_starts_once_the_pass_is_stopped(rig):
     rig.faults.draw = lambda: rig.stop.set() or ANSWER
     report = rig.run([f"text {number}" for number in range(30)])
     assert (rig.endpoint.requests, report.decisions.total(), report.unasked) == (1, 1, 29)
-    assert rig.all_is_given_back()
 
 
 def test_many_workers_stop_within_one_call_of_the_cap(rig):
@@ -132,9 +130,29 @@ def test_many_workers_stop_within_one_call_of_the_cap(rig):
     assert rig.spend._cap <= rig.spend.spent() < rig.spend._cap + dearest.cost
     assert rig.spend.spent() == pytest.approx(rig.endpoint.billed)
     assert report.decisions.total() == rig.budget.calls == 60 - report.unasked
-    assert rig.all_is_given_back()
     again = rig.run(texts[::-1])
     assert rig.budget.calls == again.decisions.total() == 60 - report.unasked, "all from the cache"
+
+
+@pytest.mark.parametrize(("ceiling", "alone"), [(math.inf, 1), (0.01, 0)])
+def test_a_pass_of_unknown_cost_runs_at_full_width(rig, ceiling, alone):
+    rig.faults.latency_s = latency_s = 0.1
+    rig.calls._attempts = Attempts(first_call_at_most=ceiling)
+    seconds = []
+    for kind in ("fresh", "known"):
+        began = time.monotonic()
+        rig.run([f"{kind} {number}" for number in range(4 * 8)])
+        seconds.append(time.monotonic() - began)
+    assert seconds[0] < 1.3 * seconds[1] + (alone + 1) * latency_s
+    assert seconds[1] < 2 * 4 * latency_s
+    assert (rig.calls.tally.most_held > 7.5 * 0.01) == (not alone), "8 hold the ceiling at once"
+
+
+def test_a_free_reply_teaches_no_price(rig):
+    answer = rig.endpoint.answer
+    rig.endpoint.answer = lambda key, question: answer(key, question) | {"cost": 0.0}
+    rig.decide()
+    assert rig.rates["triage"].cost(1, "triage") == math.inf and not [*rig.ledger.recent_replies()]
 
 
 COMMANDS = [

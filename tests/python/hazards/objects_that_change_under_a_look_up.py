@@ -1,4 +1,4 @@
-"""Python code that runs while the module looks something up, and takes away what it looks through."""
+"""Python code that runs while the module looks something up, and takes away what it looks at."""
 
 import threading
 import weakref
