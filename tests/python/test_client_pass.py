@@ -115,8 +115,10 @@ IN_ORDER = ["keep 1", "0, 19", "1 of 10,000", "Stopped: the calls in flight have
 
 
 @pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGHUP", "SIGTERM again"])
-def test_signals_stop_a_pass_in_order_then_its_calls(tmp_path, capfd, monkeypatch, name):
+def test_signals_stop_a_pass_in_order_then_its_calls(tmp_path, capfd, monkeypatch, request, name):
     number, is_sent_again = signal.Signals[name.split()[0]], name.endswith("again")
+    before = signal.signal(number, signal.SIG_DFL)  # under nohup a hang-up is ignored
+    request.addfinalizer(partial(signal.signal, number, before))
     interrupt = partial(os.kill, os.getpid(), number)
     again = threading.Timer(0.3, interrupt if is_sent_again else bool)
     monkeypatch.setattr(Faults, "draw", lambda faults: interrupt() or again.start() or ANSWER)
