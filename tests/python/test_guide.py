@@ -1,5 +1,6 @@
 """The examples of README and guide do what they say."""
 
+import os
 import re
 import subprocess
 import sys
@@ -21,7 +22,7 @@ print(time.monotonic() - began)"""
 @pytest.mark.parametrize("number", range(max(8, len(EXAMPLES))))  # a page may lose none
 def test_an_example_of_the_documents_runs_and_the_recipes_threads_at_once(number, tmp_path):
     (program := tmp_path / "example.py").write_text(EXAMPLES[number], "utf-8")
-    paths = {"PYTHONPATH": ":".join(sys.path), "PATH": ""}
+    paths = os.environ | {"PYTHONPATH": ":".join(sys.path)}
     command = [sys.executable, "-W", "error", "-c", RUN, str(program), str(FOLDER)]
     ended = subprocess.run(command, env=paths, capture_output=True, text=True, timeout=50)
     assert ended.returncode == 0 and "Warning" not in ended.stderr, ended.stderr
